@@ -76,7 +76,14 @@ void NodePtr::SetType(const std::wstring& type) { ThrowIfFailed(::VhnSetNodeType
 void NodePtr::SetAttribute(const wchar_t* sName, const wchar_t* value, std::uint32_t length) {
   WD64_ASSERT(sName != nullptr, kSource);
   if (length == kMeasure) length = static_cast<std::uint32_t>(std::wcslen(value));
-  SetAttribute(sName, VHN_TYPE_STRING, value, (static_cast<std::size_t>(length) + 1) * sizeof(wchar_t));
+  const std::size_t size = (static_cast<std::size_t>(length) + 1) * sizeof(wchar_t);
+  if (value[length] == L'\0') {
+    SetAttribute(sName, VHN_TYPE_STRING, value, size);
+  } else {
+    // A prefix of a longer text is stored with a terminator of its own.
+    const std::wstring prefix(value, length);
+    SetAttribute(sName, VHN_TYPE_STRING, prefix.c_str(), size);
+  }
 }
 
 void NodePtr::SetAttribute(const wchar_t* sName, const std::wstring& value) {

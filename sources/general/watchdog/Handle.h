@@ -1,0 +1,30 @@
+#pragma once
+// Owners of kernel handles (processes, files) and find-file searches.
+
+#include <windows.h>
+
+#include "UniqueResource.h"
+
+namespace Kestrel::Detail {
+
+struct KernelHandleTraits {
+  using pointer = HANDLE;
+  static pointer Invalid() noexcept { return nullptr; }
+  // Both null and INVALID_HANDLE_VALUE mean "none".
+  static bool IsValid(pointer value) noexcept { return value != nullptr && value != INVALID_HANDLE_VALUE; }
+  static bool Close(pointer value) noexcept { return ::CloseHandle(value) != FALSE; }
+  static const wchar_t* Source() noexcept { return L"Handle"; }
+};
+
+struct FindHandleTraits {
+  using pointer = HANDLE;
+  static pointer Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+  static bool IsValid(pointer value) noexcept { return value != INVALID_HANDLE_VALUE && value != nullptr; }
+  static bool Close(pointer value) noexcept { return ::FindClose(value) != FALSE; }
+  static const wchar_t* Source() noexcept { return L"DirectoryEnumerator"; }
+};
+
+}  // namespace Kestrel::Detail
+
+using Handle = Kestrel::UniqueResource<Kestrel::Detail::KernelHandleTraits>;
+using FindHandle = Kestrel::UniqueResource<Kestrel::Detail::FindHandleTraits>;
