@@ -1,23 +1,258 @@
 #include "Logger.h"
 
-#include <exception>
+#include <cwchar>
+#include <cwctype>
+
+#include "Assert.h"
+#include "ModulePath.h"
+#include "detail/DebugOutput.h"
+#include "detail/LoggerCore.h"
+#include "settings/TickCount.h"
 
 namespace VHLogger {
 
-// Placeholder until the logger lands: nothing is written.
-bool IsEnabled(unsigned) noexcept { return false; }
-void Write(unsigned, const std::wstring&, const wchar_t*, unsigned) noexcept {}
+namespace {
 
-CScopeTracer::CScopeTracer(int severity, int exceptionSeverity, std::wstring name, const wchar_t* source,
-                           unsigned line)
-    : m_nSeverity(severity),
-      m_nExceptionSeverity(exceptionSeverity),
-      m_sName(std::move(name)),
-      m_pSource(source),
-      m_nLine(line),
-      m_nExceptionsInFlight(std::uncaught_exceptions()),
-      m_nStartTicks(::GetTickCount()) {}
+using GlobalSettings::Detail::CCriticalSection;
 
-CScopeTracer::~CScopeTracer() = default;
+constexpr unsigned kDefaultMaxSeverity = SEV_DBG;
+constexpr const wchar_t* kSeverityNames[] = {L"NONE", L"CRIT", L"ERR", L"WARN", L"INFO", L"DBG", L"DBG2", L"DBG3"};
+
+thread_local unsigned t_nScopeDepth = 0;
+
+std::atomic<CLogger*> g_pLogger{nullptr};
+
+bool IsVistaOrLater() noexcept {
+  OSVERSIONINFOEXW version{};
+  version.dwOSVersionInfoSize = sizeof(version);
+  version.dwMajorVersion = 6;
+  version.dwMinorVersion = 0;
+  version.wServicePackMajor = 0;
+  DWORDLONG mask = 0;
+  mask = ::VerSetConditionMask(mask, VER_MAJORVERSION, VER_GREATER_EQUAL);
+  mask = ::VerSetConditionMask(mask, VER_MINORVERSION, VER_GREATER_EQUAL);
+  mask = ::VerSetConditionMask(mask, VER_SERVICEPACKMAJOR, VER_GREATER_EQUAL);
+  return ::VerifyVersionInfoW(&version, VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR, mask) != FALSE;
+}
+
+std::wstring Trimmed(const std::wstring& text) {
+  std::size_t begin = 0;
+  std::size_t end = text.size();
+  while (begin < end && std::iswspace(text[begin])) ++begin;
+  while (end > begin && std::iswspace(text[end - 1])) --end;
+  return text.substr(begin, end - begin);
+}
+
+bool IsRelativePath(const std::wstring& path) noexcept {
+  if (path.empty()) return true;
+  if (path[0] == L'\\' || path[0] == L'/') return false;
+  return !(path.size() > 1 && path[1] == L':');
+}
+
+}  // namespace
+
+namespace Detail {
+
+unsigned& ThreadScopeDepth() noexcept { return t_nScopeDepth; }
+
+void CreateDirectoryPath(const std::wstring& path) noexcept {
+  try {
+    auto ensure = [](const std::wstring& directory) {
+      if (::GetFileAttributesW(directory.c_str()) != INVALID_FILE_ATTRIBUTES) return;
+      const DWORD error = ::GetLastError();
+      if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
+        ::CreateDirectoryW(directory.c_str(), nullptr);
+    };
+    for (std::size_t i = 1; i < path.size(); ++i) {
+      if (path[i] == L'\\' || path[i] == L'/') ensure(path.substr(0, i));
+    }
+    ensure(path);
+  } catch (...) {
+    // The open that follows reports what is missing.
+  }
+}
+
+void WriteStream(unsigned severity, const CLoggerStream& stream, const wchar_t* source, unsigned line) noexcept {
+  try {
+    GetLogger().Write(severity, stream.view(), source, line);
+  } catch (...) {
+    // A logger that cannot be created writes nothing.
+  }
+}
+
+}  // namespace Detail
+
+// CLogger ------------------------------------------------------------------
+
+CLogger::CLogger() : m_bVersionFlag(IsVistaOrLater()) {
+  // Settings are read through the registry from the first refresh on.
+  GlobalSettings::Detail::ProviderRegistry::Instance();
+}
+
+CLogger::~CLogger() {
+  for (auto& slot : m_apWriters) slot.store(nullptr);
+}
+
+unsigned CLogger::ReadMaxSeverity() {
+  std::wstring value;
+  if (!m_config.section.Get(L"MaxSeverity", value)) return kDefaultMaxSeverity;
+  value = Trimmed(value);
+  for (unsigned severity = 0; severity < sizeof(kSeverityNames) / sizeof(kSeverityNames[0]); ++severity) {
+    if (_wcsicmp(value.c_str(), kSeverityNames[severity]) == 0) return severity;
+  }
+  return kDefaultMaxSeverity;
+}
+
+void CLogger::RefreshConfiguration() noexcept {
+  const DWORD last = m_config.nLastRefresh.load(std::memory_order_relaxed);
+  if (last != 0 && GlobalSettings::Detail::TickCount() - last <= kRefreshIntervalMs) return;
+  try {
+    m_config.section.Flush();
+    m_config.nMaxSeverity.store(ReadMaxSeverity(), std::memory_order_relaxed);
+  } catch (...) {
+    m_config.nMaxSeverity.store(kDefaultMaxSeverity, std::memory_order_relaxed);
+  }
+  m_config.bRefreshed.store(true);
+  m_config.nLastRefresh.store(GlobalSettings::Detail::TickCount(), std::memory_order_relaxed);
+}
+
+bool CLogger::IsEnabled(unsigned severity) noexcept {
+  RefreshConfiguration();
+  return severity != SEV_NONE && severity <= MaxSeverity();
+}
+
+void CLogger::Write(unsigned severity, std::wstring_view message, const wchar_t* source, unsigned line,
+                    Detail::ILogWriter* writer) noexcept {
+  try {
+    // The time stamp is that of the call, taken before any other work.
+    SYSTEMTIME now;
+    ::GetLocalTime(&now);
+    const int depth = VersionFlag() ? static_cast<int>(t_nScopeDepth) : 0;
+    const Detail::IFormatter* formatter = m_pFormatter.load();
+    if (formatter == nullptr) formatter = &m_formatter;
+
+    std::wstring text;
+    formatter->Format(text, severity, source, line, message, depth, &now);
+    if (writer != nullptr) {
+      writer->Write(text.data(), text.size());
+      return;
+    }
+    for (auto& slot : m_apWriters) {
+      if (Detail::ILogWriter* installed = slot.load()) installed->Write(text.data(), text.size());
+    }
+  } catch (...) {
+    // A line that cannot be composed is dropped; the caller never sees it.
+  }
+}
+
+bool CLogger::AddLogWriter(Detail::ILogWriter* pLogWriter) noexcept {
+  if (pLogWriter == nullptr) return false;
+  for (auto& slot : m_apWriters) {
+    Detail::ILogWriter* expected = pLogWriter;
+    slot.compare_exchange_strong(expected, nullptr);
+  }
+  for (auto& slot : m_apWriters) {
+    Detail::ILogWriter* expected = nullptr;
+    if (slot.compare_exchange_strong(expected, pLogWriter)) return true;
+  }
+  WD64_ASSERT_AT(!pLogWriter && "Too many loggers", L"LogManager", 152);
+  Detail::DebugOutput(L"LogManager: Too many loggers");
+  return false;
+}
+
+bool CLogger::RemoveLogWriter(Detail::ILogWriter* writer) noexcept {
+  bool removed = false;
+  for (auto& slot : m_apWriters) {
+    Detail::ILogWriter* expected = writer;
+    removed |= slot.compare_exchange_strong(expected, nullptr);
+  }
+  return removed;
+}
+
+std::wstring CLogger::ComputeLogDirectory() {
+  std::wstring directory;
+  std::wstring configured;
+  if (m_config.section.Get(L"Path", configured)) {
+    std::wstring expanded(MAX_PATH, L'\0');
+    for (;;) {
+      const DWORD needed =
+          ::ExpandEnvironmentStringsW(configured.c_str(), expanded.data(), static_cast<DWORD>(expanded.size()));
+      if (needed == 0) {
+        expanded = configured;
+        break;
+      }
+      if (needed <= expanded.size()) {
+        expanded.resize(needed - 1);
+        break;
+      }
+      expanded.resize(needed);
+    }
+    for (wchar_t& c : expanded) {
+      if (c == L'/') c = L'\\';
+    }
+    if (expanded.empty() || (expanded.back() != L'\\' && expanded.back() != L'/')) expanded += L'\\';
+    directory = std::move(expanded);
+  } else {
+    directory = L"Logs\\";
+  }
+  if (IsRelativePath(directory)) directory = Kestrel::ModuleDirectory() + directory;
+  return directory;
+}
+
+std::wstring CLogger::GetLogDirectory() {
+  CCriticalSection::Lock lock(m_config.cs);
+  if (m_config.bRefreshed.load() || m_config.sLogDirectory.empty()) {
+    std::wstring directory = ComputeLogDirectory();
+    if (directory != m_config.sLogDirectory) {
+      m_config.sLogDirectory = directory;
+      Detail::CreateDirectoryPath(directory);
+    }
+    m_config.bRefreshed.store(false);
+  }
+  return m_config.sLogDirectory;
+}
+
+// Free functions ------------------------------------------------------------
+
+CLogger& GetLogger() {
+  if (CLogger* logger = g_pLogger.load(std::memory_order_acquire)) return *logger;
+  static CLogger s_logger;
+  g_pLogger.store(&s_logger, std::memory_order_release);
+  return s_logger;
+}
+
+bool AddLogWriter(Detail::ILogWriter* writer) noexcept {
+  try {
+    return GetLogger().AddLogWriter(writer);
+  } catch (...) {
+    return false;
+  }
+}
+
+bool RemoveLogWriter(Detail::ILogWriter* writer) noexcept {
+  try {
+    return GetLogger().RemoveLogWriter(writer);
+  } catch (...) {
+    return false;
+  }
+}
+
+std::wstring GetLogDirectory() { return GetLogger().GetLogDirectory(); }
+
+bool IsEnabled(unsigned severity) noexcept {
+  try {
+    return GetLogger().IsEnabled(severity);
+  } catch (...) {
+    return false;
+  }
+}
+
+void Write(unsigned severity, const std::wstring& message, const wchar_t* source, unsigned line) noexcept {
+  try {
+    GetLogger().Write(severity, message, source, line);
+  } catch (...) {
+    // See WriteStream.
+  }
+}
 
 }  // namespace VHLogger

@@ -1,0 +1,79 @@
+// A second process for tests that need one. Each subcommand is one entry in
+// the table below:
+//
+//   test_helper hold FILE MS          holds FILE open without write sharing
+//   test_helper sleep MS              sleeps, then exits with 0
+//
+// Exit code 0 on success, 2 on bad arguments, 1 when the work failed.
+
+#include <windows.h>
+// After windows.h, which it needs.
+#include <shellapi.h>
+
+#include <cstdio>
+#include <cwchar>
+
+namespace {
+
+struct Arguments {
+  int count;
+  wchar_t** values;
+};
+
+bool ParseUnsigned(const wchar_t* text, unsigned long& value) {
+  wchar_t* end = nullptr;
+  value = std::wcstoul(text, &end, 10);
+  return end != text && *end == L'\0';
+}
+
+int Hold(const Arguments& args) {
+  unsigned long ms = 0;
+  if (args.count < 2 || !ParseUnsigned(args.values[1], ms)) return 2;
+  HANDLE file = ::CreateFileW(args.values[0], GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return 1;
+  ::Sleep(ms);
+  ::CloseHandle(file);
+  return 0;
+}
+
+int SleepFor(const Arguments& args) {
+  unsigned long ms = 0;
+  if (args.count < 1 || !ParseUnsigned(args.values[0], ms)) return 2;
+  ::Sleep(ms);
+  return 0;
+}
+
+struct Command {
+  const wchar_t* name;
+  const wchar_t* usage;
+  int (*run)(const Arguments& args);
+};
+
+const Command kCommands[] = {
+    {L"hold", L"hold FILE MS", &Hold},
+    {L"sleep", L"sleep MS", &SleepFor},
+};
+
+int Usage() {
+  std::fwprintf(stderr, L"usage:\n");
+  for (const Command& command : kCommands) std::fwprintf(stderr, L"  test_helper %ls\n", command.usage);
+  return 2;
+}
+
+}  // namespace
+
+int main() {
+  int argc = 0;
+  wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
+  if (argv == nullptr || argc < 2) return Usage();
+  int result = -1;
+  for (const Command& command : kCommands) {
+    if (std::wcscmp(argv[1], command.name) == 0) {
+      result = command.run(Arguments{argc - 2, argv + 2});
+      break;
+    }
+  }
+  ::LocalFree(argv);
+  return result == -1 ? Usage() : result;
+}
