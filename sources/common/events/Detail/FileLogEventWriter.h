@@ -1,0 +1,65 @@
+#pragma once
+// Appends a readable text form of each event to the events file, with the
+// message and category texts taken from the same message file the event log
+// reads.
+
+#include <windows.h>
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "UniqueResource.h"
+#include "events/Detail/SrwLock.h"
+#include "events/EventWriter.h"
+#include "logger/detail/FileLogger.h"
+
+namespace EventReporting::Detail {
+
+struct MessageModuleTraits {
+  using pointer = HMODULE;
+  static pointer Invalid() noexcept { return nullptr; }
+  static bool IsValid(pointer value) noexcept { return value != nullptr; }
+  static bool Close(pointer value) noexcept { return ::FreeLibrary(value) != FALSE; }
+  static const wchar_t* Source() noexcept { return L"FileLogEventWriter"; }
+};
+
+using MessageModule = Kestrel::UniqueResource<MessageModuleTraits>;
+
+class CFileLogEventWriter : public IEventWriter {
+ public:
+  // A message naming more inserts than were given reads nulls from this many
+  // entries instead of running past the argument array.
+  static constexpr std::size_t kMinArguments = 20;
+
+  // A bare file name lands in the log directory, as for any file logger.
+  explicit CFileLogEventWriter(std::wstring fileName);
+  CFileLogEventWriter(const CFileLogEventWriter&) = delete;
+  CFileLogEventWriter& operator=(const CFileLogEventWriter&) = delete;
+
+  void WriteEvent(const CEventSource& source, const CEventRecord& event) override;
+
+  // The entry WriteEvent appends, for the given local time.
+  std::wstring ComposeEntry(const CEventSource& source, const CEventRecord& event, const SYSTEMTIME& time);
+
+  // The source's message file, loaded as data on first use; null when it
+  // cannot be loaded (logged).
+  std::shared_ptr<const MessageModule> AcquireMessageFile(const CEventSource& source);
+
+  // The text of a message id; empty when there is no message file or no
+  // such message.
+  static std::wstring FormatMessageText(HMODULE messageFile, DWORD messageId,
+                                        const std::vector<const wchar_t*>& arguments);
+  // The text used when the message file gives none.
+  static std::wstring FallbackText(const std::vector<const wchar_t*>& arguments);
+  static const wchar_t* TypeName(std::uint16_t type) noexcept;
+
+ private:
+  CSrwLock m_lock;
+  VHLogger::Detail::CFileLogger m_fileLogger;
+  std::map<std::wstring, std::shared_ptr<const MessageModule>> m_mapMessageFiles;
+};
+
+}  // namespace EventReporting::Detail
