@@ -1,6 +1,196 @@
 #include "FreeSpaceWatcher.h"
 
+#include <chrono>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "Boundary.h"
+#include "DataLayer/NodePtr.h"
+#include "ErrorHandling.h"
+#include "FreeSpaceChecker.h"
+#include "logger/Logger.h"
+#include "subsystems/auditarchive/common/storage_path_toolset.h"
+
 WD64_REGISTER_COMPONENT(CFreeSpaceWatcher, WatchDog64::CLSID_FreeSpaceWatcher)
 
-HRESULT CFreeSpaceWatcher::Configure(HVHNODE) { return E_NOTIMPL; }
-HRESULT CFreeSpaceWatcher::Shutdown() { return E_NOTIMPL; }
+namespace {
+
+constexpr wchar_t kSource[] = L"FreeSpaceWatcher";
+constexpr std::int32_t kDefaultIntervalSec = 45;
+constexpr std::int32_t kDefaultResendTimeoutSec = 3600;
+constexpr std::int64_t kGigabyte = std::int64_t{1} << 30;
+constexpr std::int64_t kMegabyte = std::int64_t{1} << 20;
+constexpr auto kPollPeriod = std::chrono::milliseconds(50);
+
+using Kestrel::Detail::FreeSpaceChecker;
+using Kestrel::Detail::PathList;
+using CheckFunction = std::function<void(PathList)>;
+
+bool TryReadInt32(const NodePtr& node, const wchar_t* sName, std::int32_t& value) {
+  return node.TryGetAttribute(sName, VHN_TYPE_INT32, &value, sizeof(value));
+}
+
+// A bound may be given in GB or in MB, never both: two values for one bound
+// would be a contradiction the administrator has to resolve, not a precedence.
+std::int64_t ReadBound(const NodePtr& group, const std::wstring& baseName, std::int64_t defaultBytes) {
+  struct Key {
+    std::wstring sName;
+    std::int64_t nUnit;
+  };
+  const Key keys[] = {{baseName + L"GB", kGigabyte}, {baseName + L"MB", kMegabyte}};
+  bool bFound = false;
+  std::int64_t bytes = defaultBytes;
+  for (const Key& key : keys) {
+    std::int32_t value = 0;
+    if (!TryReadInt32(group, key.sName.c_str(), value)) continue;
+    if (bFound) {
+      Kestrel::ThrowHr(E_INVALIDARG,
+                       L"Both \"" + keys[0].sName + L"\" and \"" + keys[1].sName + L"\" are given; give one of them");
+    }
+    bFound = true;
+    // Sign-extended first, so a negative setting stays negative and fails validation.
+    bytes = static_cast<std::int64_t>(value) * key.nUnit;
+  }
+  return bytes;
+}
+
+std::wstring Describe(const std::exception& error) {
+  const char* text = error.what();
+  return std::wstring(text, text + std::char_traits<char>::length(text));
+}
+
+std::vector<std::wstring> ReadRequiredList(const NodePtr& group, const wchar_t* sName) {
+  std::wstring raw;
+  if (!group.TryGetMultiString(sName, raw)) {
+    Kestrel::ThrowHr(Kestrel::kHrNotFound, std::wstring(L"Required attribute \"") + sName + L"\" is missing");
+  }
+  return Kestrel::SplitMultiString(raw);
+}
+
+std::shared_ptr<AuditArchive::IEnumerableSequencer<std::wstring>> ToSequence(const std::vector<std::wstring>& items) {
+  auto sequence = AuditArchive::MakeEnumerableSequencer<std::wstring>();
+  for (const std::wstring& item : items) sequence->Add(item);
+  return sequence;
+}
+
+void ConfigureGroup(const NodePtr& group, const CFreeSpaceWatcher::StepList& steps) {
+  const std::int64_t recommended =
+      ReadBound(group, L"FreeSpaceRecommendedMinimum", std::int64_t{100} * kGigabyte);
+  const std::int64_t warning = ReadBound(group, L"FreeSpaceWarningLowerBound", std::int64_t{20} * kGigabyte);
+  const std::int64_t stop = ReadBound(group, L"FreeSpaceStopServicesLowerBound", std::int64_t{5} * kGigabyte);
+
+  std::int32_t resendSec = kDefaultResendTimeoutSec;
+  TryReadInt32(group, L"EventResendTimeoutSec", resendSec);
+  // Held in milliseconds with 32-bit arithmetic, like the tick counter it is compared with.
+  const std::int32_t resendMs = static_cast<std::int32_t>(static_cast<std::uint32_t>(resendSec) * 1000u);
+
+  if (stop < 1) Kestrel::ThrowHr(E_INVALIDARG, L"The stop-services bound must be at least 1 byte");
+  if (warning <= stop) Kestrel::ThrowHr(E_INVALIDARG, L"The warning bound must be above the stop-services bound");
+  if (recommended <= warning) {
+    Kestrel::ThrowHr(E_INVALIDARG, L"The recommended minimum must be above the warning bound");
+  }
+  if (resendMs < 1) Kestrel::ThrowHr(E_INVALIDARG, L"\"EventResendTimeoutSec\" must be positive");
+
+  std::vector<std::wstring> paths = ReadRequiredList(group, L"Paths");
+  for (std::wstring& path : paths) path = AuditArchive::PreproceedStoragePath(path);
+  const PathList pathList = ToSequence(paths);
+  const PathList services = ToSequence(ReadRequiredList(group, L"ServiceNames"));
+
+  auto checker = std::make_shared<FreeSpaceChecker>(services, recommended, warning, stop,
+                                                    static_cast<std::uint32_t>(resendMs));
+  const auto checks = AuditArchive::MakeSingleEnumerable<CheckFunction>(
+      [checker](PathList groupPaths) { (*checker)(groupPaths); });
+  AuditArchive::ForEach(checks->GetEnumerator(), [&](const CheckFunction& check) {
+    steps->Add([check, pathList] { check(pathList); });
+  });
+}
+
+}  // namespace
+
+CFreeSpaceWatcher::CFreeSpaceWatcher() { VH_TRACE_SCOPE(kSource, L"CFreeSpaceWatcher::CFreeSpaceWatcher"); }
+
+CFreeSpaceWatcher::~CFreeSpaceWatcher() {
+  VH_TRACE_SCOPE(kSource, L"CFreeSpaceWatcher::~CFreeSpaceWatcher");
+  // A host that releases a running watcher without Shutdown would otherwise
+  // end its whole process: destroying a running thread object terminates.
+  if (m_pWorker && m_pWorker->joinable()) {
+    VH_LOG(VHLogger::SEV_WARN, kSource, L"Released while running; stopping the worker");
+    m_bStop.exchange(true);
+    m_pWorker->join();
+  }
+}
+
+HRESULT CFreeSpaceWatcher::Configure(HVHNODE config) {
+  return Kestrel::RunAtBoundary(
+      Kestrel::BoundaryInfo{L"CFreeSpaceWatcher::Configure", kSource, __LINE__,
+                            L"Failed to configure Free Space Watcher: "},
+      [&] { ConfigureFrom(config); });
+}
+
+void CFreeSpaceWatcher::ConfigureFrom(HVHNODE config) {
+  if (config == nullptr) Kestrel::ThrowHr(E_POINTER);
+  const NodePtr node = NodePtr::Duplicate(config);
+
+  std::int32_t interval = kDefaultIntervalSec;
+  TryReadInt32(node, L"ActionsPerformIntervalSec", interval);
+  if (interval < 1) Kestrel::ThrowHr(E_INVALIDARG, L"\"ActionsPerformIntervalSec\" must be at least 1");
+  m_nIntervalSec = interval;
+
+  // The old groups go as soon as nothing holds them; groups configured before
+  // a failing one stay in the new list.
+  m_pSteps = AuditArchive::MakeEnumerableSequencer<Step>();
+  const StepList steps = m_pSteps;
+  node.ForEachChild([&](NodePtr& group) { ConfigureGroup(group, steps); });
+
+  // The stop flag is left as it is: a watcher that was shut down stays down,
+  // and monitoring resumes only in a new component.
+  m_pWorker = std::make_shared<std::thread>([this] { WorkerLoop(); });
+}
+
+void CFreeSpaceWatcher::WorkerLoop() {
+  DWORD start = ::GetTickCount();
+  while (!m_bStop.load()) {
+    if (!Kestrel::Detail::IsIntervalElapsed(start, ::GetTickCount(), m_nIntervalSec)) {
+      std::this_thread::sleep_for(kPollPeriod);
+      continue;
+    }
+    try {
+      PerformSteps(m_pSteps);
+    } catch (const Kestrel::HRX& error) {
+      VH_LOG(VHLogger::SEV_DBG, kSource, L"Failed to check free space: " << error.Text());
+    } catch (const std::exception& error) {
+      VH_LOG(VHLogger::SEV_DBG, kSource, L"Failed to check free space: " << Describe(error));
+    }
+    // Counted from the end of a cycle, so a slow cycle does not eat the pause.
+    start = ::GetTickCount();
+    std::this_thread::sleep_for(kPollPeriod);
+  }
+}
+
+void CFreeSpaceWatcher::PerformSteps(const std::shared_ptr<AuditArchive::IEnumerable<Step>>& steps) {
+  const auto enumerator = steps->GetEnumerator();
+  while (!enumerator->IsEnd()) {
+    try {
+      enumerator->Current()();
+    } catch (const Kestrel::HRX& error) {
+      VH_LOG(VHLogger::SEV_DBG, kSource, L"Failed to perform step: " << error.Text());
+    } catch (const std::exception& error) {
+      // An allocation failure in one group must not end the watch over the others.
+      VH_LOG(VHLogger::SEV_DBG, kSource, L"Failed to perform step: " << Describe(error));
+    }
+    if (m_bStop.load()) return;
+    enumerator->MoveNext();
+  }
+}
+
+HRESULT CFreeSpaceWatcher::Shutdown() {
+  VH_TRACE_SCOPE(kSource, L"CFreeSpaceWatcher::Shutdown");
+  m_bStop.exchange(true);
+  if (m_pWorker) {
+    m_pWorker->join();
+    m_pWorker.reset();
+  }
+  m_pSteps.reset();
+  return S_OK;
+}

@@ -1,0 +1,71 @@
+// A minimal own-process Windows service for tests that need a real one in the
+// service manager: it reports RUNNING at once and stops on the stop control.
+// Its name comes from the service manager (ServiceMain's first argument), so
+// one program serves any number of registered test services. With
+// "hold-stop" after the name, the stop control is answered only once the
+// event "Global\<name>-release" is set, so a caller of ControlService stays
+// inside that call until the test lets it go.
+
+#include <windows.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+SERVICE_STATUS_HANDLE g_hStatus = nullptr;
+HANDLE g_hStopEvent = nullptr;
+HANDLE g_hReleaseEvent = nullptr;
+
+void Report(DWORD state, DWORD exitCode = NO_ERROR) {
+  SERVICE_STATUS status{};
+  status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+  status.dwCurrentState = state;
+  status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
+  status.dwWin32ExitCode = exitCode;
+  ::SetServiceStatus(g_hStatus, &status);
+}
+
+DWORD WINAPI Handler(DWORD control, DWORD, void*, void*) {
+  switch (control) {
+    case SERVICE_CONTROL_STOP:
+      if (g_hReleaseEvent != nullptr) ::WaitForSingleObject(g_hReleaseEvent, INFINITE);
+      Report(SERVICE_STOP_PENDING);
+      ::SetEvent(g_hStopEvent);
+      return NO_ERROR;
+    case SERVICE_CONTROL_INTERROGATE:
+      return NO_ERROR;
+    default:
+      return ERROR_CALL_NOT_IMPLEMENTED;
+  }
+}
+
+void WINAPI ServiceMain(DWORD argc, wchar_t** argv) {
+  const wchar_t* name = argc > 0 ? argv[0] : L"";
+  g_hStatus = ::RegisterServiceCtrlHandlerExW(name, &Handler, nullptr);
+  if (g_hStatus == nullptr) return;
+  g_hStopEvent = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  if (g_hStopEvent == nullptr) {
+    Report(SERVICE_STOPPED, ::GetLastError());
+    return;
+  }
+  Report(SERVICE_RUNNING);
+  ::WaitForSingleObject(g_hStopEvent, INFINITE);
+  ::CloseHandle(g_hStopEvent);
+  Report(SERVICE_STOPPED);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // An own-process service ignores the table's name; the command line may
+  // still carry one for a run outside the service manager's view.
+  wchar_t name[256] = L"";
+  if (argc > 1) ::MultiByteToWideChar(CP_ACP, 0, argv[1], -1, name, 256);
+  if (argc > 2 && std::strcmp(argv[2], "hold-stop") == 0) {
+    const std::wstring release = std::wstring(L"Global\\") + name + L"-release";
+    g_hReleaseEvent = ::CreateEventW(nullptr, TRUE, FALSE, release.c_str());
+  }
+  SERVICE_TABLE_ENTRYW table[] = {{name, &ServiceMain}, {nullptr, nullptr}};
+  return ::StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(::GetLastError());
+}
