@@ -11,6 +11,7 @@ packages=(
   googletest
   nlohmann-json3-dev
   python3 unzip
+  dpkg-dev
 )
 
 missing=()

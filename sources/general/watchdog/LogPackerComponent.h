@@ -2,8 +2,14 @@
 
 #include "components/ComponentsCommon.h"
 
-class CLogPackerComponent : public CComponentClass<CLogPackerComponent, IVHLogPacker, IVHConfigurable, IVHRequestProcessor> {
+// Packs old and large logs on every request; the settings live in the
+// process-wide log packer configuration.
+class CLogPackerComponent
+    : public CComponentClass<CLogPackerComponent, IVHLogPacker, IVHConfigurable, IVHRequestProcessor> {
  public:
   HRESULT Configure(HVHNODE config) override;
+  // Any request, named anything or null, means "pack now"; no response.
   HRESULT ProcessRequest(HVHNODE request, HVHNODE* response) override;
+  // Releasing the log packer also ends the watchdog's background work.
+  void FinalRelease();
 };

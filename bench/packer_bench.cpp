@@ -1,0 +1,200 @@
+// Packs 512 MiB of log text in several files through the log packer and sets
+// its throughput beside zlib's own in-memory deflate of the same bytes at the
+// same level (the packer's ceiling), plus its peak memory above the baseline
+// relative to the largest file packed.
+
+#include <windows.h>
+#include <psapi.h>
+#include <zlib.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "DataLayer/NodePtr.h"
+#include "LogPackerConfiguration.h"
+
+namespace {
+
+constexpr std::uint64_t kMiB = 1ull << 20;
+constexpr std::uint64_t kFileSizesMiB[] = {160, 128, 96, 80, 48};  // 512 MiB
+
+using Clock = std::chrono::steady_clock;
+
+double Seconds(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// CPU seconds of the calling thread: on a shared machine the wall clock
+// measures the neighbours as much as the code.
+double ThreadCpuSeconds() {
+  FILETIME creation, exit, kernel, user;
+  ::GetThreadTimes(::GetCurrentThread(), &creation, &exit, &kernel, &user);
+  auto ticks = [](const FILETIME& time) {
+    return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+  };
+  return static_cast<double>(ticks(kernel) + ticks(user)) / 1e7;
+}
+
+// Log lines with the variety of a real service log: timestamps, threads,
+// severities, request ids and a handful of message shapes.
+template <typename Sink>
+void GenerateLog(std::uint64_t size, std::uint32_t seed, Sink&& sink) {
+  static const char* const kSeverities[] = {"INFO ", "DBG  ", "DBG  ", "DBG2 ", "WARN ", "ERR  "};
+  static const char* const kMessages[] = {
+      "Request %u from 10.%u.%u.%u handled in %u ms",
+      "Entering: CProcessManager::ProcessRequest",
+      "Exiting: CProcessManager::ProcessRequest [%u ms]",
+      "Free space in \"D:\\\\AuditData\\\\Store%u\": %u MB",
+      "Session %08x opened for user DOMAIN\\\\svc_audit%u",
+      "Failed to open \"C:\\\\ProgramData\\\\Kestrel\\\\queue\\\\%u.dat\": 0x80070020 The process cannot access the file",
+  };
+  std::string chunk;
+  chunk.reserve(4 * kMiB + 512);
+  std::uint64_t written = 0;
+  std::uint32_t state = seed;
+  auto next = [&state] { return state = state * 1664525u + 1013904223u; };
+  std::uint64_t millis = 0;
+  char line[512];
+  char message[384];
+  while (written < size) {
+    chunk.clear();
+    while (chunk.size() < 4 * kMiB) {
+      millis += next() % 40;
+      const std::uint32_t pick = next();
+      std::snprintf(message, sizeof(message), kMessages[(pick >> 8) % 6], next() % 100000, next() % 256,
+                    next() % 256, next() % 256, next() % 2000);
+      const int length = std::snprintf(line, sizeof(line), "2026-01-%02u %02u:%02u:%02u.%03u %5u %s %-28s: %s\r\n",
+                                       static_cast<unsigned>(2 + millis / 86400000 % 27),
+                                       static_cast<unsigned>(millis / 3600000 % 24),
+                                       static_cast<unsigned>(millis / 60000 % 60),
+                                       static_cast<unsigned>(millis / 1000 % 60), static_cast<unsigned>(millis % 1000),
+                                       1000 + next() % 24, kSeverities[pick % 6],
+                                       (pick >> 16) % 2 ? "ProcessManagerComponent" : "FreeSpaceWatcher", message);
+      chunk.append(line, static_cast<std::size_t>(length));
+    }
+    const std::uint64_t take = std::min<std::uint64_t>(chunk.size(), size - written);
+    sink(chunk.data(), take);
+    written += take;
+  }
+}
+
+void WriteLogFile(const std::filesystem::path& path, std::uint64_t size, std::uint32_t seed) {
+  std::ofstream stream(path, std::ios::binary | std::ios::trunc);
+  GenerateLog(size, seed, [&](const char* data, std::uint64_t length) {
+    stream.write(data, static_cast<std::streamsize>(length));
+  });
+}
+
+// The same bytes as WriteLogFile, in memory.
+std::string GenerateLogText(std::uint64_t size, std::uint32_t seed) {
+  std::string text;
+  text.reserve(static_cast<std::size_t>(size));
+  GenerateLog(size, seed, [&](const char* data, std::uint64_t length) { text.append(data, length); });
+  return text;
+}
+
+// Raw deflate with the zip writer's settings: default level, 15-bit window,
+// memory level 8.
+std::uint64_t DeflateInMemory(const char* data, std::uint64_t size, std::vector<unsigned char>& output) {
+  z_stream stream{};
+  deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
+  output.resize(deflateBound(&stream, static_cast<uLong>(size)));
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
+  stream.avail_in = static_cast<uInt>(size);
+  stream.next_out = output.data();
+  stream.avail_out = static_cast<uInt>(output.size());
+  deflate(&stream, Z_FINISH);
+  const std::uint64_t compressed = stream.total_out;
+  deflateEnd(&stream);
+  return compressed;
+}
+
+PROCESS_MEMORY_COUNTERS Memory() {
+  PROCESS_MEMORY_COUNTERS counters{};
+  counters.cb = sizeof(counters);
+  ::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof(counters));
+  return counters;
+}
+
+}  // namespace
+
+int main() {
+  wchar_t temp[MAX_PATH];
+  const DWORD length = ::GetTempPathW(MAX_PATH, temp);
+  const std::filesystem::path folder = std::filesystem::path(std::wstring(temp, length)) / L"wd64-packer-bench";
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+
+  std::uint64_t total = 0;
+  std::uint64_t largest = 0;
+  auto start = Clock::now();
+  std::uint32_t seed = 12345;
+  int index = 0;
+  for (const std::uint64_t sizeMiB : kFileSizesMiB) {
+    const std::uint64_t size = sizeMiB * kMiB;
+    WriteLogFile(folder / (L"service" + std::to_wstring(index++) + L".log"), size, seed += 7919);
+    total += size;
+    largest = std::max(largest, size);
+  }
+  std::printf("generated %d files, %.0f MiB, largest %.0f MiB, in %.1f s\n", index, total / double(kMiB),
+              largest / double(kMiB), Seconds(start));
+
+  // The packer first, from a working set that holds no file yet.
+  const PROCESS_MEMORY_COUNTERS before = Memory();
+  NodePtr node;
+  const std::int64_t hours = 24, megabytes = 1;
+  node.SetAttribute(L"MaxLogFileAgeInHours", VHN_TYPE_INT64, &hours, sizeof(hours));
+  node.SetAttribute(L"MaxLogFileSizeInMegabytes", VHN_TYPE_INT64, &megabytes, sizeof(megabytes));
+  node.SetAttribute(L"LogsDirectoryPath", folder.wstring());
+  node.SetAttribute(L"LogFileMask", std::wstring(L"*.log"));
+  Kestrel::CLogPackerConfiguration packer;
+  packer.Configure(node.Get());
+
+  start = Clock::now();
+  double cpuStart = ThreadCpuSeconds();
+  const std::vector<Kestrel::CPath> files = packer.SelectFiles();
+  const Kestrel::CPath archive = packer.PackFiles(files);
+  const double packSeconds = Seconds(start);
+  const double packCpu = ThreadCpuSeconds() - cpuStart;
+  const PROCESS_MEMORY_COUNTERS after = Memory();
+  const std::uint64_t archiveSize = std::filesystem::file_size(archive.String());
+
+  // zlib alone: the same bytes, made again in memory, timed around deflate only.
+  double zlibSeconds = 0;
+  double zlibCpu = 0;
+  std::uint64_t zlibCompressed = 0;
+  {
+    std::vector<unsigned char> output;
+    std::uint32_t again = 12345;
+    for (const std::uint64_t sizeMiB : kFileSizesMiB) {
+      const std::string text = GenerateLogText(sizeMiB * kMiB, again += 7919);
+      const auto deflateStart = Clock::now();
+      cpuStart = ThreadCpuSeconds();
+      zlibCompressed += DeflateInMemory(text.data(), text.size(), output);
+      zlibCpu += ThreadCpuSeconds() - cpuStart;
+      zlibSeconds += Seconds(deflateStart);
+    }
+  }
+
+  const double mib = total / double(kMiB);
+  std::printf("                          wall MiB/s   CPU MiB/s   (wall s / CPU s)\n");
+  std::printf("zlib deflate in memory : %10.1f  %10.1f   (%.1f / %.1f)  %.0f MiB -> %.1f MiB, %.1f:1\n",
+              mib / zlibSeconds, mib / zlibCpu, zlibSeconds, zlibCpu, mib, zlibCompressed / double(kMiB),
+              total / double(zlibCompressed));
+  std::printf("log packer, files->zip : %10.1f  %10.1f   (%.1f / %.1f)  %zu files, archive %.1f MiB\n",
+              mib / packSeconds, mib / packCpu, packSeconds, packCpu, files.size(), archiveSize / double(kMiB));
+  std::printf("packer / zlib          : %10.2f  %10.2f\n", zlibSeconds / packSeconds, zlibCpu / packCpu);
+  const double baseline = static_cast<double>(before.WorkingSetSize);
+  const double peakAbove = static_cast<double>(after.PeakWorkingSetSize) - baseline;
+  std::printf("working set before run : %7.1f MiB, peak %.1f MiB (peak before run %.1f MiB)\n", baseline / kMiB,
+              after.PeakWorkingSetSize / double(kMiB), before.PeakWorkingSetSize / double(kMiB));
+  std::printf("peak above baseline    : %7.1f MiB = %.2f x the largest file (%.0f MiB)\n", peakAbove / kMiB,
+              peakAbove / largest, largest / double(kMiB));
+
+  std::filesystem::remove_all(folder);
+  return 0;
+}
