@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "Boundary.h"
+#include "RequestDispatch.h"
 #include "ErrorHandling.h"
 
 WD64_REGISTER_COMPONENT(CDiskManagerComponent, WatchDog64::CLSID_DiskManager)
@@ -114,21 +114,8 @@ std::vector<std::wstring> SplitDirectoryPaths(const std::wstring& raw) {
 
 HRESULT CDiskManagerComponent::ProcessRequest(HVHNODE request, HVHNODE* response) {
   using namespace Kestrel;
-  return RunAtBoundary({L"CDiskManagerComponent::ProcessRequest", kSource, kHandlerLine}, [&] {
-    if (request == nullptr || response == nullptr) ThrowHr(E_POINTER);
-    const NodePtr requestNode = NodePtr::Duplicate(request);
-    const std::wstring name = requestNode.GetName();
-    // Built aside and handed out only whole, so a failure leaves the caller
-    // without a partial answer.
-    NodePtr result;
-    if (name == L"ListDisks") {
-      ListDisks(result);
-    } else if (name == L"QueryFreeSpace") {
-      QueryFreeSpace(requestNode, result);
-    } else {
-      VH_LOG_AT(VHLogger::SEV_ERR, kSource, kInvalidRequestLine, L"Invalid request name: " << name);
-      ThrowHr(E_INVALIDARG);
-    }
-    *response = result.Detach();
-  });
+  return ProcessRequestAtBoundary({L"CDiskManagerComponent::ProcessRequest", kSource, kHandlerLine},
+                                  kInvalidRequestLine, request, response,
+                                  {{L"ListDisks", [](const NodePtr&, NodePtr& result) { ListDisks(result); }},
+                                   {L"QueryFreeSpace", QueryFreeSpace}});
 }

@@ -1,6 +1,6 @@
 #include "ProcessManagerComponent.h"
 
-#include "Boundary.h"
+#include "RequestDispatch.h"
 #include "ErrorHandling.h"
 #include "ProcessEnumerator.h"
 #include "ServiceEnumerator.h"
@@ -30,26 +30,15 @@ void ListServices(NodePtr& response) {
 }  // namespace
 
 HRESULT CProcessManager::ProcessRequest(HVHNODE request, HVHNODE* response) {
-  using namespace Kestrel;
-  return RunAtBoundary({L"CProcessManager::ProcessRequest", kSource, kHandlerLine}, [&] {
-    if (request == nullptr || response == nullptr) ThrowHr(E_POINTER);
-    const NodePtr requestNode = NodePtr::Duplicate(request);
-    const std::wstring name = requestNode.GetName();
-    // Built aside and handed out only whole, so a failure leaves the caller
-    // without a partial answer.
-    NodePtr result;
-    if (name == L"ListProcesses") {
-      ListProcesses(result);
-    } else if (name == L"ListServices") {
-      ListServices(result);
-    } else if (name == L"StartServices" || name == L"StopServices" || name == L"RestartServices") {
-      // Accepted once every child is a well-formed service; the host acts on
-      // services itself, so nothing is started or stopped here.
-      ForEachServiceInfoChild(requestNode);
-    } else {
-      VH_LOG_AT(VHLogger::SEV_ERR, kSource, kInvalidRequestLine, L"Invalid request name: " << name);
-      ThrowHr(E_INVALIDARG);
-    }
-    *response = result.Detach();
-  });
+  // The service requests are accepted once every child is a well-formed
+  // service; the host acts on services itself, so nothing is started or
+  // stopped here.
+  auto validateServices = [](const NodePtr& requestNode, NodePtr&) { Kestrel::ForEachServiceInfoChild(requestNode); };
+  return Kestrel::ProcessRequestAtBoundary(
+      {L"CProcessManager::ProcessRequest", kSource, kHandlerLine}, kInvalidRequestLine, request, response,
+      {{L"ListProcesses", [](const NodePtr&, NodePtr& result) { ListProcesses(result); }},
+       {L"ListServices", [](const NodePtr&, NodePtr& result) { ListServices(result); }},
+       {L"StartServices", validateServices},
+       {L"StopServices", validateServices},
+       {L"RestartServices", validateServices}});
 }
