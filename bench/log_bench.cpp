@@ -14,11 +14,12 @@
 #include <thread>
 #include <vector>
 
+#include "ModulePath.h"
 #include "logger/Logger.h"
 
 namespace {
 
-constexpr int kRounds = 7;
+constexpr int kRounds = 9;
 
 double Seconds(LARGE_INTEGER start, LARGE_INTEGER end) {
   LARGE_INTEGER frequency;
@@ -83,7 +84,11 @@ int main(int argc, char** argv) {
     std::printf("INFO lines are not logged with the current settings\n");
     return 1;
   }
-  std::printf("log directory: %ls\n", VHLogger::GetLogDirectory().c_str());
+  // Each run starts its own log rather than growing the last one's.
+  const std::wstring logPath =
+      VHLogger::GetLogDirectory() + Kestrel::BaseNameOf(Kestrel::ExecutableFilePath()) + L".log";
+  ::DeleteFileW(logPath.c_str());
+  std::printf("log file: %ls\n", logPath.c_str());
   std::printf(
       "%u lines per round, %d rounds; rates are the best round, the ratio the median of the\n"
       "rounds (each round runs both loops back to back)\n\n",

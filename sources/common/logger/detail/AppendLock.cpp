@@ -9,6 +9,13 @@ constexpr unsigned kBusySpins = 32;
 constexpr unsigned kYields = 20000;
 }  // namespace
 
+bool CAppendLock::Needed() noexcept {
+  // Wine's ntdll exports its version; Windows' does not.
+  static const bool needed =
+      ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+  return needed;
+}
+
 CAppendLock::CAppendLock(DWORD volumeSerial, DWORD fileIndexHigh, DWORD fileIndexLow)
     : m_nVolumeSerial(volumeSerial), m_nFileIndexHigh(fileIndexHigh), m_nFileIndexLow(fileIndexLow) {
   wchar_t name[64];

@@ -23,6 +23,10 @@ class CAppendLock {
  public:
   static constexpr ULONGLONG kTakeOverAfterMs = 100;
 
+  // Only where appends are emulated: Windows lands each append whole, so
+  // there the writers need no lock at all.
+  static bool Needed() noexcept;
+
   // Identified by the file's volume serial number and file index, so every
   // path spelling of one file shares one lock. Without the shared memory the
   // lock is a no-op and writes go unguarded.

@@ -212,7 +212,7 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
     } else if (!m_sBanner.empty()) {
       DebugOutput(L"FileLogger: cannot write (error: 0x%08x)", AsUnsigned(LastErrorResult()));
     }
-    if (!m_pAppendLock || !m_pAppendLock->Is(volumeSerial, indexHigh, indexLow)) {
+    if (CAppendLock::Needed() && (!m_pAppendLock || !m_pAppendLock->Is(volumeSerial, indexHigh, indexLow))) {
       try {
         m_pAppendLock = std::make_shared<CAppendLock>(volumeSerial, indexHigh, indexLow);
       } catch (...) {
