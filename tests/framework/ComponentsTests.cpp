@@ -187,13 +187,4 @@ TEST(Components, CountsAcrossInterfacesAndThreads) {
   EXPECT_EQ(IsLocked(), 0);
 }
 
-TEST(Components, ManyObjectsHoldOneLockEach) {
-  std::vector<IComponentBase*> objects;
-  for (int i = 0; i < 50; ++i) objects.push_back(Create<IComponentBase>(WatchDog64::CLSID_ProcessManager));
-  EXPECT_EQ(Module()->Lock(), 51);
-  EXPECT_EQ(Module()->Unlock(), 50);
-  for (IComponentBase* object : objects) object->Release();
-  EXPECT_EQ(IsLocked(), 0);
-}
-
 }  // namespace
