@@ -20,9 +20,10 @@ constexpr DWORD kFromSystemFlags =
 constexpr DWORD kFromModuleFlags =
     FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_HMODULE;  // 0xB00
 
-// Frames between the capture and the code that raised the error: the
-// capture itself, the HRES constructor and the HRX constructor.
-constexpr unsigned kOwnFrames = 3;
+// Frames of the capture itself (the HRES constructor; the trace starts at
+// CaptureOrigin's caller). The HRX constructor and the throw helper are
+// counted by the callers' skip, so the first address is the raising code.
+constexpr unsigned kOwnFrames = 1;
 
 __attribute__((noinline)) void CaptureOrigin(std::uint64_t (&origin)[2], unsigned skip) {
   void* frames[2] = {nullptr, nullptr};

@@ -34,6 +34,18 @@ TEST(ErrorText, FormDescriptionsAndLookupSource) {
   EXPECT_FALSE(IsInterfaceRangeCode(Kestrel::kHrNotFound));
 }
 
+__attribute__((noinline)) void FailHere() { Kestrel::ThrowHr(E_ABORT); }
+
+TEST(Hrx, OriginIsTheFunctionThatRaised) {
+  try {
+    FailHere();
+  } catch (const HRX& error) {
+    const auto start = reinterpret_cast<std::uint64_t>(&FailHere);
+    EXPECT_GT(error.Origin(0), start);
+    EXPECT_LT(error.Origin(0), start + 64);
+  }
+}
+
 TEST(Hrx, CarriesCodeDescriptionAndOrigin) {
   try {
     Kestrel::ThrowHr(E_INVALIDARG);
