@@ -1,174 +1,250 @@
 // The watcher component as the host drives it, on real disks, real services
 // in Wine's service manager and the real events file.
 
+#include <windows.h>
+
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <fstream>
 #include <future>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
 
-#include "ErrorHandling.h"
+#include "DataLayer/NodePtr.h"
 #include "Handle.h"
-#include "WatcherTestSupport.h"
-
-using namespace WatcherTests;
+#include "ModulePath.h"
+#include "ServiceHandle.h"
+#include "components/ComponentsCommon.h"
+#include "logger/Logger.h"
+#include "logger/detail/LogInterfaces.h"
 
 namespace {
 
 constexpr wchar_t kCriticalEntry[] = L"EventId: 4302; Type: 'Error'(1)";
 constexpr wchar_t kWarningEntry[] = L"EventId: 4301; Type: 'Warning'(2)";
-constexpr wchar_t kFailurePrefix[] = L"Failed to configure Free Space Watcher: ";
-// Other programs write to the same disk while the tests run; bounds keep
-// this distance from the free space measured at the start.
-constexpr std::int64_t kMarginMB = 4096;
+// A bound in MB above the free space of any disk.
+constexpr std::int32_t kAboveAnyDisk = 0x7FFF0000;
 
-NodePtr Config(std::int32_t intervalSec = 1) {
-  NodePtr config;
-  config.SetName(L"FreeSpaceWatcher");
-  SetInt(config, L"ActionsPerformIntervalSec", intervalSec);
-  return config;
+void SetInt(NodePtr& node, const wchar_t* name, std::int32_t value) {
+  node.SetAttribute(name, VHN_TYPE_INT32, &value, sizeof(value));
 }
 
-// A group with bounds in `unit` ("MB" or "GB"); the recommended minimum lies
-// 1024 units above the warning bound. `omit` names a list left out.
-NodePtr Group(const std::vector<std::wstring>& paths, const std::vector<std::wstring>& services,
-              std::int64_t warning, std::int64_t stop, std::int32_t resendSec = 3600, const std::wstring& unit = L"MB",
+// The recommended minimum 1024 units above the warning bound; `omit` names a list left out.
+NodePtr Group(const std::vector<std::wstring>& paths, const std::vector<std::wstring>& services, std::int32_t warning,
+              std::int32_t stop, std::int32_t resendSec = 3600, const std::wstring& unit = L"MB",
               const std::wstring& omit = L"") {
   NodePtr group;
   group.SetName(L"Group");
-  SetInt(group, (L"FreeSpaceRecommendedMinimum" + unit).c_str(), static_cast<std::int32_t>(warning + 1024));
-  SetInt(group, (L"FreeSpaceWarningLowerBound" + unit).c_str(), static_cast<std::int32_t>(warning));
-  SetInt(group, (L"FreeSpaceStopServicesLowerBound" + unit).c_str(), static_cast<std::int32_t>(stop));
+  SetInt(group, (L"FreeSpaceRecommendedMinimum" + unit).c_str(), warning + 1024);
+  SetInt(group, (L"FreeSpaceWarningLowerBound" + unit).c_str(), warning);
+  SetInt(group, (L"FreeSpaceStopServicesLowerBound" + unit).c_str(), stop);
   SetInt(group, L"EventResendTimeoutSec", resendSec);
-  if (omit != L"Paths") SetMulti(group, L"Paths", paths);
-  if (omit != L"ServiceNames") SetMulti(group, L"ServiceNames", services);
+  for (const auto& [name, items] : {std::pair{L"Paths", &paths}, std::pair{L"ServiceNames", &services}}) {
+    if (omit == name) continue;
+    std::wstring raw;
+    for (const auto& item : *items) raw += item + L'\0';
+    group.SetAttribute(name, VHN_TYPE_STRING_ARRAY, raw.empty() ? nullptr : raw.data(), raw.size() * sizeof(wchar_t));
+  }
   return group;
 }
 
-std::wstring Hex(HRESULT hr) {
-  wchar_t text[16];
-  std::swprintf(text, 16, L"0x%08X", static_cast<unsigned>(hr));
-  return text;
+NodePtr Config(std::initializer_list<NodePtr> groups) {
+  NodePtr config;
+  config.SetName(L"FreeSpaceWatcher");
+  SetInt(config, L"ActionsPerformIntervalSec", 1);
+  for (const NodePtr& group : groups) config.AddChild(group);
+  return config;
+}
+
+// A folder of its own under the test program's directory (a real disk).
+std::wstring TestFolder(const std::wstring& name) {
+  const std::wstring root = Kestrel::ModuleDirectory() + L"watcher-tests\\";
+  ::CreateDirectoryW(root.c_str(), nullptr);
+  ::CreateDirectoryW((root + name).c_str(), nullptr);
+  return root + name;
 }
 
 std::wstring Quoted(const std::wstring& path) { return L"\"" + path + L"\""; }
 
+std::size_t CountOf(const std::wstring& text, const std::wstring& part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::wstring::npos; at = text.find(part, at + part.size())) ++count;
+  return count;
+}
+
+// The limit only keeps a broken build from hanging; nothing is timed with it.
+bool WaitFor(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(60)) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  return done();
+}
+
+struct LogCapture final : VHLogger::Detail::ILogWriter {
+  LogCapture() { VHLogger::AddLogWriter(this); }
+  ~LogCapture() override { VHLogger::RemoveLogWriter(this); }
+  void Write(const wchar_t* text, std::size_t length) noexcept override {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_sText.append(text, length);
+  }
+  std::wstring Text() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_sText;
+  }
+  std::size_t Count(const std::wstring& part) { return CountOf(Text(), part); }
+  std::mutex m_mutex;
+  std::wstring m_sText;
+};
+
+// Named at load time: the event writers read the setting once per process.
+const std::wstring g_sEventsFile = [] {
+  std::wstring file = TestFolder(L"") + L"events.log";
+  ::DeleteFileW(file.c_str());
+  ::SetEnvironmentVariableW(L"GS_EventReporting_EventsLogFile", file.c_str());
+  return file;
+}();
+
+// The UTF-16 text from a character offset on.
+std::wstring ReadEvents(std::size_t fromChar = 0) {
+  std::ifstream file(g_sEventsFile.c_str(), std::ios::binary);
+  const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  const std::wstring text(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
+  return fromChar < text.size() ? text.substr(fromChar) : std::wstring();
+}
+
+// Made through the module's class registry, as the host makes it.
+struct Watcher {
+  Watcher() {
+    EXPECT_EQ(GetComponentsModule().CreateComponent(&WatchDog64::CLSID_FreeSpaceWatcher, &IVHConfigurable::IID,
+                                                    reinterpret_cast<void**>(&pConfigurable)),
+              S_OK);
+    pConfigurable->QueryInterface(&IVHShutdownable::IID, reinterpret_cast<void**>(&pShutdownable));
+  }
+  ~Watcher() { pShutdownable->Release(), pConfigurable->Release(); }
+  HRESULT Configure(const NodePtr& config) { return pConfigurable->Configure(config.Get()); }
+  HRESULT Shutdown() { return pShutdownable->Shutdown(); }
+  IVHConfigurable* pConfigurable = nullptr;
+  IVHShutdownable* pShutdownable = nullptr;
+};
+
+// test_service.exe registered under `name` and started; stopped and deleted
+// again on destruction, also after a failure.
+struct TestService {
+  explicit TestService(std::wstring serviceName, const std::wstring& extraArgs = L"")
+      : name(std::move(serviceName)), manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)) {
+    // One left over by an interrupted run goes first.
+    if (ServiceHandle stale{::OpenServiceW(manager.Get(), name.c_str(), SERVICE_ALL_ACCESS)}) Remove(stale);
+    const std::wstring command = L"\"" + Kestrel::ModuleDirectory() + L"test_service.exe\" " + name + L" " + extraArgs;
+    service.Reset(::CreateServiceW(manager.Get(), name.c_str(), name.c_str(), SERVICE_ALL_ACCESS,
+                                   SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE,
+                                   command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_TRUE(service) << "CreateServiceW: " << ::GetLastError();
+    EXPECT_TRUE(Start() && WaitFor([&] { return State() == SERVICE_RUNNING; }));
+  }
+  ~TestService() { EXPECT_TRUE(!service || Remove(service)) << ::GetLastError(); }
+  bool Remove(const ServiceHandle& handle) {
+    SERVICE_STATUS status{};
+    ::ControlService(handle.Get(), SERVICE_CONTROL_STOP, &status);
+    WaitFor([&] { return ::QueryServiceStatus(handle.Get(), &status) && status.dwCurrentState == SERVICE_STOPPED; },
+            std::chrono::seconds(20));
+    return ::DeleteService(handle.Get()) != FALSE;
+  }
+  bool Start() { return ::StartServiceW(service.Get(), 0, nullptr) != FALSE; }
+  DWORD State() {
+    SERVICE_STATUS status{};
+    return ::QueryServiceStatus(service.Get(), &status) ? status.dwCurrentState : 0;
+  }
+  const std::wstring name;
+  ServiceHandle manager;
+  ServiceHandle service;
+};
+
 }  // namespace
 
 TEST(FreeSpaceWatcherConfigure, InvalidSettingsReturnTheirCodeAndLogWhy) {
-  struct Case {
-    const char* name;
-    std::function<void(NodePtr& config, NodePtr& group)> edit;
-    HRESULT expected;
-  };
+  EXPECT_EQ(Watcher().Shutdown(), S_OK);  // never configured
+
   const std::wstring folder = TestFolder(L"configure");
-  const Case cases[] = {
-      {"interval 0", [](NodePtr& c, NodePtr&) { SetInt(c, L"ActionsPerformIntervalSec", 0); }, E_INVALIDARG},
-      {"bound in GB and MB", [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceStopServicesLowerBoundGB", 1); },
-       E_INVALIDARG},
-      {"warning equals stop", [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceWarningLowerBoundMB", 10); },
-       E_INVALIDARG},
-      {"recommended equals warning", [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceRecommendedMinimumMB", 20); },
-       E_INVALIDARG},
-      {"resend 0", [](NodePtr&, NodePtr& g) { SetInt(g, L"EventResendTimeoutSec", 0); }, E_INVALIDARG},
-      {"resend negative", [](NodePtr&, NodePtr& g) { SetInt(g, L"EventResendTimeoutSec", -5); }, E_INVALIDARG},
-      {"negative GB bound", [](NodePtr&, NodePtr& g) { g = Group({L"C:\\"}, {}, -1, -2, 1, L"GB"); }, E_INVALIDARG},
-      {"no Paths", [](NodePtr&, NodePtr& g) { g = Group({}, {}, 20, 10, 1, L"MB", L"Paths"); }, Kestrel::kHrNotFound},
-      {"no ServiceNames", [](NodePtr&, NodePtr& g) { g = Group({}, {}, 20, 10, 1, L"MB", L"ServiceNames"); },
-       Kestrel::kHrNotFound},
-      {"bound of the wrong type",
-       [](NodePtr&, NodePtr& g) { g.SetAttribute(L"FreeSpaceWarningLowerBoundGB", L"20"); },
-       static_cast<HRESULT>(0x8007065D)},
+  const struct {
+    const wchar_t* code;
+    const char* name;
+    void (*edit)(NodePtr& config, NodePtr& group);
+  } cases[] = {
+      {L"0x80070057", "interval 0", [](NodePtr& c, NodePtr&) { SetInt(c, L"ActionsPerformIntervalSec", 0); }},
+      {L"0x80070057", "GB and MB", [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceStopServicesLowerBoundGB", 1); }},
+      {L"0x80070057", "warning", [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceWarningLowerBoundMB", 10); }},
+      {L"0x80070057", "recommended", [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceRecommendedMinimumMB", 20); }},
+      {L"0x80070057", "resend 0", [](NodePtr&, NodePtr& g) { SetInt(g, L"EventResendTimeoutSec", 0); }},
+      {L"0x80070057", "resend < 0", [](NodePtr&, NodePtr& g) { SetInt(g, L"EventResendTimeoutSec", -5); }},
+      {L"0x80070057", "GB < 0", [](NodePtr&, NodePtr& g) { g = Group({L"C:\\"}, {}, -1, -2, 1, L"GB"); }},
+      {L"0x80070490", "no Paths", [](NodePtr&, NodePtr& g) { g = Group({}, {}, 20, 10, 1, L"MB", L"Paths"); }},
+      {L"0x80070490", "no services",
+       [](NodePtr&, NodePtr& g) { g = Group({}, {}, 20, 10, 1, L"MB", L"ServiceNames"); }},
+      {L"0x8007065D", "text", [](NodePtr&, NodePtr& g) { g.SetAttribute(L"FreeSpaceWarningLowerBoundGB", L"20"); }},
   };
-  for (const Case& testCase : cases) {
+  for (const auto& testCase : cases) {
     SCOPED_TRACE(testCase.name);
-    NodePtr config = Config();
+    NodePtr config = Config({});
     NodePtr group = Group({folder}, {}, 20, 10);
     testCase.edit(config, group);
     config.AddChild(group);
     LogCapture log;
     Watcher watcher;
-    EXPECT_EQ(watcher.Configure(config), testCase.expected);
-    const std::wstring text = log.Text();
-    EXPECT_NE(text.find(L"| ERR  |"), std::wstring::npos) << text;
-    EXPECT_NE(text.find(L"FreeSpaceWatcher:"), std::wstring::npos) << text;
-    EXPECT_NE(text.find(kFailurePrefix + Hex(testCase.expected)), std::wstring::npos) << text;
-    // No worker was started: Shutdown has nothing to join.
-    EXPECT_EQ(watcher.Shutdown(), S_OK);
+    EXPECT_EQ(watcher.Configure(config), static_cast<HRESULT>(std::wcstoul(testCase.code, nullptr, 16)));
+    const std::wstring line = L"\\| ERR  \\|.*FreeSpaceWatcher:.*Failed to configure Free Space Watcher: ";
+    EXPECT_TRUE(std::regex_search(log.Text(), std::wregex(line + testCase.code))) << log.Text();
+    EXPECT_EQ(watcher.Shutdown(), S_OK);  // no worker to join
   }
 }
 
-TEST(FreeSpaceWatcherCycle, CriticalEventStopsServicesPastAFailingName) {
-  const std::wstring folder = TestFolder(L"critical");
-  const std::int64_t freeMB = FreeMegabytes(folder);
+TEST(FreeSpaceWatcherCycle, EventsAndServiceStopsOnRealDisks) {
+  const std::wstring critical = TestFolder(L"critical"), quiet = TestFolder(L"warning-quiet"),
+                     repeating = TestFolder(L"warning-repeat");
+  const std::wstring missing = TestFolder(L"") + L"no-such-folder\\below";
+  ULARGE_INTEGER bytes{};
+  ASSERT_TRUE(::GetDiskFreeSpaceExW(critical.c_str(), &bytes, nullptr, nullptr));
+  const auto freeGB = static_cast<std::int32_t>(bytes.QuadPart >> 30);
   TestService service(L"WD64WatcherCritical");
-  ASSERT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
-
   LogCapture log;
   const std::size_t eventsBefore = ReadEvents().size();
+  auto eventsFor = [&](const std::wstring& path) { return CountOf(ReadEvents(eventsBefore), Quoted(path) + L" ("); };
+
+  // Critical in GB; warnings held back for an hour or resent every second.
+  // The relative path is anchored at the test program's directory.
+  const NodePtr config = Config(
+      {Group({critical}, {L"WD64NoSuchService", service.name}, freeGB + 5, freeGB + 4, 3600, L"GB"),
+       Group({missing, L"watcher-tests\\warning-quiet"}, {L"WD64NotStoppedByWarning"}, kAboveAnyDisk, 1),
+       Group({repeating}, {}, kAboveAnyDisk, 1, /*resendSec=*/1)});
   Watcher watcher;
-  NodePtr config = Config(1);
-  // Bounds in GB above the real free space.
-  config.AddChild(Group({folder}, {L"WD64NoSuchService", service.Name()}, (freeMB >> 10) + 5, (freeMB >> 10) + 4,
-                        3600, L"GB"));
   ASSERT_EQ(watcher.Configure(config), S_OK);
-
-  auto stopped = [&] {
-    const DWORD state = service.State();
-    return state == SERVICE_STOPPED || state == SERVICE_STOP_PENDING;
-  };
-  EXPECT_TRUE(WaitFor([&] { return CountOf(ReadEvents(eventsBefore), kCriticalEntry) >= 1; }));
-  EXPECT_TRUE(WaitFor(stopped));
-  const std::wstring events = ReadEvents(eventsBefore);
-  EXPECT_NE(events.find(L"Source: 'Vigil Hub'"), std::wstring::npos) << events;
-  EXPECT_NE(events.find(Quoted(folder) + L" ("), std::wstring::npos) << events;
-  EXPECT_NE(events.find(L"WD64NoSuchService, " + service.Name()), std::wstring::npos) << events;
-  EXPECT_NE(log.Text().find(L"Failed to stop service \"WD64NoSuchService\": 0x80070424"), std::wstring::npos);
-
-  // Held back for the resend hour, yet a restarted service is stopped again.
+  // The service never stops by itself; restarted while the event is held back, it is stopped again.
   ASSERT_TRUE(WaitFor([&] { return service.State() == SERVICE_STOPPED; }));
   ASSERT_TRUE(service.Start());
-  // The service never stops by itself: STOPPED again means the watcher stopped it.
-  EXPECT_TRUE(WaitFor([&] { return service.State() == SERVICE_STOPPED; }));
-  EXPECT_EQ(watcher.Shutdown(), S_OK);
-  EXPECT_EQ(CountOf(ReadEvents(eventsBefore), kCriticalEntry), 1u);
-}
-
-TEST(FreeSpaceWatcherCycle, WarningIsHeldBackUntilTheResendTimeoutAndMissingPathsAreDropped) {
-  const std::wstring quiet = TestFolder(L"warning-quiet");
-  const std::wstring missing = TestFolder(L"") + L"no-such-folder\\below";
-  const std::wstring repeating = TestFolder(L"warning-repeat");
-  const std::int64_t freeMB = FreeMegabytes(quiet);
-  LogCapture log;
-  const std::size_t eventsBefore = ReadEvents().size();
-  auto eventsFor = [&](const std::wstring& folder) {
-    return CountOf(ReadEvents(eventsBefore), Quoted(folder) + L" (");
-  };
-
-  Watcher watcher;
-  NodePtr config = Config(1);
-  // The relative path is anchored at the test program's directory.
-  config.AddChild(Group({missing, L"watcher-tests\\warning-quiet"}, {L"WD64NotStoppedByWarning"}, freeMB + kMarginMB, 1));
-  config.AddChild(Group({repeating}, {}, freeMB + kMarginMB, 1, /*resendSec=*/1));
-  ASSERT_EQ(watcher.Configure(config), S_OK);
-
-  // Three cycles of the hour-long group give one warning; the one-second group repeats.
   const std::wstring quietCycle = L"Free space in " + Quoted(quiet);
-  EXPECT_TRUE(WaitFor([&] { return log.Count(quietCycle) >= 3 && eventsFor(repeating) >= 2; }));
+  EXPECT_TRUE(WaitFor([&] {
+    return service.State() == SERVICE_STOPPED && log.Count(quietCycle) >= 3 && eventsFor(repeating) >= 2;
+  }));
   EXPECT_EQ(watcher.Shutdown(), S_OK);
+  const std::wstring events = ReadEvents(eventsBefore);
+  EXPECT_EQ(CountOf(events, kCriticalEntry), 1u);
+  EXPECT_GE(CountOf(events, kWarningEntry), 3u);
+  EXPECT_EQ(eventsFor(critical), 1u);
   EXPECT_EQ(eventsFor(quiet), 1u);
-  EXPECT_EQ(CountOf(ReadEvents(eventsBefore), kCriticalEntry), 0u);
-  EXPECT_GE(CountOf(ReadEvents(eventsBefore), kWarningEntry), 3u);
-  // A warning stops nothing; a missing path is logged and left out of the event.
-  EXPECT_EQ(log.Count(L"Stopping service"), 0u);
-  EXPECT_EQ(ReadEvents(eventsBefore).find(L"no-such-folder"), std::wstring::npos);
+  EXPECT_NE(events.find(L"WD64NoSuchService, " + service.name), std::wstring::npos) << events;
+  EXPECT_NE(log.Text().find(L"Failed to stop service \"WD64NoSuchService\": 0x80070424"), std::wstring::npos);
+  EXPECT_EQ(log.Count(L"Stopping service \"WD64NotStoppedByWarning\""), 0u);
+  EXPECT_EQ(events.find(L"no-such-folder"), std::wstring::npos);
   EXPECT_GE(log.Count(L"Failed to get free space in " + Quoted(missing) + L": 0x80070003"), 3u);
 
-  // A new watcher with the bounds below the free space reports nothing.
-  const std::size_t eventsAfter = ReadEvents().size();
+  // Configured again after Shutdown it stays down; a new watcher with bounds
+  // below the free space runs and reports nothing.
+  const std::size_t eventsAfter = ReadEvents().size(), cyclesSoFar = log.Count(quietCycle);
+  EXPECT_EQ(watcher.Configure(config), S_OK);
   Watcher relaxed;
-  NodePtr calm = Config(1);
-  calm.AddChild(Group({quiet}, {}, freeMB / 4, freeMB / 8));
-  ASSERT_EQ(relaxed.Configure(calm), S_OK);
-  const std::size_t cyclesSoFar = log.Count(quietCycle);
+  ASSERT_EQ(relaxed.Configure(Config({Group({quiet}, {}, 2, 1)})), S_OK);
   EXPECT_TRUE(WaitFor([&] { return log.Count(quietCycle) >= cyclesSoFar + 2; }));
   EXPECT_EQ(relaxed.Shutdown(), S_OK);
   EXPECT_EQ(ReadEvents(eventsAfter), L"");
@@ -176,60 +252,25 @@ TEST(FreeSpaceWatcherCycle, WarningIsHeldBackUntilTheResendTimeoutAndMissingPath
 
 TEST(FreeSpaceWatcherCycle, ShutdownFinishesTheCurrentStepAndSkipsTheRest) {
   const std::wstring folder = TestFolder(L"shutdown");
-  const std::int64_t freeMB = FreeMegabytes(folder);
   TestService held(L"WD64WatcherHeld", L"hold-stop");
   TestService untouched(L"WD64WatcherUntouched");
   Handle release(::OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\WD64WatcherHeld-release"));
   ASSERT_TRUE(release) << ::GetLastError();
   // Lets the held service go however the test ends, so its removal cannot hang.
-  struct Releaser {
-    HANDLE hEvent;
-    ~Releaser() { ::SetEvent(hEvent); }
-  } releaser{release.Get()};
+  const std::shared_ptr<void> releaser(nullptr, [&](void*) { ::SetEvent(release.Get()); });
 
   LogCapture log;
   Watcher watcher;
-  NodePtr config = Config(1);
-  config.AddChild(Group({folder}, {held.Name()}, freeMB + 2 * kMarginMB, freeMB + kMarginMB));
-  config.AddChild(Group({folder}, {untouched.Name()}, freeMB + 2 * kMarginMB, freeMB + kMarginMB));
-  ASSERT_EQ(watcher.Configure(config), S_OK);
-
+  ASSERT_EQ(watcher.Configure(Config({Group({folder}, {held.name}, kAboveAnyDisk, kAboveAnyDisk - 1),
+                                      Group({folder}, {untouched.name}, kAboveAnyDisk, kAboveAnyDisk - 1)})),
+            S_OK);
   // The first step sits in ControlService until the service is let go.
   ASSERT_TRUE(WaitFor([&] { return log.Count(L"Entering: Stopping service \"WD64WatcherHeld\"") >= 1; }));
   auto shutdown = std::async(std::launch::async, [&] { return watcher.Shutdown(); });
   ASSERT_TRUE(WaitFor([&] { return log.Count(L"Entering: CFreeSpaceWatcher::Shutdown") >= 1; }));
   ::SetEvent(release.Get());
   EXPECT_EQ(shutdown.get(), S_OK);
-
   EXPECT_EQ(log.Count(L"Exiting: Stopping service \"WD64WatcherHeld\""), 1u);
   EXPECT_EQ(log.Count(L"Stopping service \"WD64WatcherUntouched\""), 0u);
   EXPECT_EQ(untouched.State(), static_cast<DWORD>(SERVICE_RUNNING));
-}
-
-TEST(FreeSpaceWatcherCycle, ShutdownWithoutConfigureAndAWatcherShutDownStaysDown) {
-  Watcher neverConfigured;
-  EXPECT_EQ(neverConfigured.Shutdown(), S_OK);
-  EXPECT_EQ(neverConfigured.Shutdown(), S_OK);
-
-  const std::wstring stale = TestFolder(L"reconfigured");
-  const std::wstring fresh = TestFolder(L"fresh");
-  LogCapture log;
-  Watcher watcher;
-  NodePtr first = Config(1);
-  first.AddChild(Group({stale}, {}, 2, 1));
-  ASSERT_EQ(watcher.Configure(first), S_OK);
-  EXPECT_EQ(watcher.Shutdown(), S_OK);
-  NodePtr again = Config(1);
-  again.AddChild(Group({stale}, {}, 2, 1));
-  EXPECT_EQ(watcher.Configure(again), S_OK);
-
-  // A newly created component with the same settings does watch.
-  Watcher created;
-  NodePtr config = Config(1);
-  config.AddChild(Group({fresh}, {}, 2, 1));
-  ASSERT_EQ(created.Configure(config), S_OK);
-  EXPECT_TRUE(WaitFor([&] { return log.Count(L"Free space in " + Quoted(fresh)) >= 2; }));
-  EXPECT_EQ(created.Shutdown(), S_OK);
-  EXPECT_EQ(watcher.Shutdown(), S_OK);
-  EXPECT_EQ(log.Count(L"Free space in " + Quoted(stale)), 0u);
 }
