@@ -42,7 +42,7 @@ double ThreadCpuSeconds() {
 // Log lines with the variety of a real service log: timestamps, threads,
 // severities, request ids and a handful of message shapes.
 template <typename Sink>
-void GenerateLog(std::uint64_t size, std::uint32_t seed, Sink&& sink) {
+void GenerateLog(std::uint64_t size, std::uint32_t salt, Sink&& sink) {
   static const char* const kSeverities[] = {"INFO ", "DBG  ", "DBG  ", "DBG2 ", "WARN ", "ERR  "};
   static const char* const kMessages[] = {
       "Request %u from 10.%u.%u.%u handled in %u ms",
@@ -55,7 +55,7 @@ void GenerateLog(std::uint64_t size, std::uint32_t seed, Sink&& sink) {
   std::string chunk;
   chunk.reserve(4 * kMiB + 512);
   std::uint64_t written = 0;
-  std::uint32_t state = seed;
+  std::uint32_t state = salt;
   auto next = [&state] { return state = state * 1664525u + 1013904223u; };
   std::uint64_t millis = 0;
   char line[512];
@@ -82,18 +82,18 @@ void GenerateLog(std::uint64_t size, std::uint32_t seed, Sink&& sink) {
   }
 }
 
-void WriteLogFile(const std::filesystem::path& path, std::uint64_t size, std::uint32_t seed) {
+void WriteLogFile(const std::filesystem::path& path, std::uint64_t size, std::uint32_t salt) {
   std::ofstream stream(path, std::ios::binary | std::ios::trunc);
-  GenerateLog(size, seed, [&](const char* data, std::uint64_t length) {
+  GenerateLog(size, salt, [&](const char* data, std::uint64_t length) {
     stream.write(data, static_cast<std::streamsize>(length));
   });
 }
 
 // The same bytes as WriteLogFile, in memory.
-std::string GenerateLogText(std::uint64_t size, std::uint32_t seed) {
+std::string GenerateLogText(std::uint64_t size, std::uint32_t salt) {
   std::string text;
   text.reserve(static_cast<std::size_t>(size));
-  GenerateLog(size, seed, [&](const char* data, std::uint64_t length) { text.append(data, length); });
+  GenerateLog(size, salt, [&](const char* data, std::uint64_t length) { text.append(data, length); });
   return text;
 }
 
@@ -132,11 +132,11 @@ int main() {
   std::uint64_t total = 0;
   std::uint64_t largest = 0;
   auto start = Clock::now();
-  std::uint32_t seed = 12345;
+  std::uint32_t salt = 12345;
   int index = 0;
   for (const std::uint64_t sizeMiB : kFileSizesMiB) {
     const std::uint64_t size = sizeMiB * kMiB;
-    WriteLogFile(folder / (L"service" + std::to_wstring(index++) + L".log"), size, seed += 7919);
+    WriteLogFile(folder / (L"service" + std::to_wstring(index++) + L".log"), size, salt += 7919);
     total += size;
     largest = std::max(largest, size);
   }

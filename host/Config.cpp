@@ -119,19 +119,19 @@ class Reader {
     Object(json, place);
     Section section{place};
     for (const auto& [key, item] : json.items()) {
-      const KeySpec* spec = nullptr;
+      const KeySpec* known = nullptr;
       for (const KeySpec& candidate : keys) {
-        if (key == candidate.key) spec = &candidate;
+        if (key == candidate.key) known = &candidate;
       }
       bool isExtra = false;
       for (const char* name : extra) isExtra = isExtra || key == name;
       if (isExtra) continue;
-      if (spec == nullptr) Fail(place + L"/" + Widen(key), L"unknown key");
-      section.values.emplace_back(Widen(key), Read(item, spec->kind, place + L"/" + Widen(key)));
+      if (known == nullptr) Fail(place + L"/" + Widen(key), L"unknown key");
+      section.values.emplace_back(Widen(key), Read(item, known->kind, place + L"/" + Widen(key)));
     }
-    for (const KeySpec& spec : keys) {
-      if (spec.required && !json.contains(spec.key)) {
-        Fail(place, L"missing required key \"" + Widen(spec.key) + L"\"");
+    for (const KeySpec& wanted : keys) {
+      if (wanted.required && !json.contains(wanted.key)) {
+        Fail(place, L"missing required key \"" + Widen(wanted.key) + L"\"");
       }
     }
     return section;
