@@ -1,0 +1,492 @@
+// The disk and process managers against what Wine really has (drives, volumes,
+// processes the test starts, services it registers), checked against the
+// test's own calls; and the paths and file facts beneath them.
+
+#include <windows.h>
+#include <psapi.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DiskManagerComponent.h"
+#include "ErrorHandling.h"
+#include "Handle.h"
+#include "ModulePath.h"
+#include "Path.h"
+#include "ProcessEnumerator.h"
+#include "components/ComponentInterfaces.h"
+#include "logger/Logger.h"
+#include "logger/detail/LogInterfaces.h"
+
+namespace {
+
+const GUID& kDiskManager = WatchDog64::CLSID_DiskManager;
+const GUID& kProcessManager = WatchDog64::CLSID_ProcessManager;
+const HRESULT kNotFound = static_cast<HRESULT>(0x80070490);
+
+// A component created by class id through the module, released at the end.
+struct Component {
+  explicit Component(const GUID& clsid) {
+    EXPECT_EQ(GetComponentsModule().CreateComponent(&clsid, &IVHRequestProcessor::IID, reinterpret_cast<void**>(&p)),
+              S_OK);
+  }
+  ~Component() { if (p != nullptr) p->Release(); }
+  IVHRequestProcessor* operator->() const noexcept { return p; }
+  IVHRequestProcessor* p = nullptr;
+};
+
+struct Reply { HRESULT hr = E_UNEXPECTED; NodePtr response; };
+
+Reply Send(const Component& component, const NodePtr& request) {
+  HVHNODE hResponse = nullptr;
+  const HRESULT hr = component->ProcessRequest(request.Get(), &hResponse);
+  return {hr, NodePtr(hResponse)};
+}
+
+NodePtr Request(const std::wstring& name) {
+  NodePtr request;
+  request.SetName(name);
+  return request;
+}
+
+// A refused request hands out no node at all.
+void ExpectRefused(const Component& component, const NodePtr& request, HRESULT expected) {
+  const Reply reply = Send(component, request);
+  EXPECT_EQ(reply.hr, expected) << request.GetName();
+  EXPECT_TRUE(reply.response.IsEmpty()) << request.GetName();
+}
+
+std::uint64_t LiveNodes() {
+  std::uint64_t count = 0;
+  EXPECT_EQ(::VhnGetLiveNodeCount(&count), S_OK);
+  return count;
+}
+
+std::vector<NodePtr> Children(const NodePtr& node) {
+  std::vector<NodePtr> children;
+  if (!node.IsEmpty()) node.ForEachChild([&](NodePtr& child) { children.push_back(NodePtr::Duplicate(child.Get())); });
+  return children;
+}
+
+// Reads are typed: a value stored as another type throws and fails the test.
+std::wstring StringAttribute(const NodePtr& node, const wchar_t* name) {
+  std::wstring value = L"<absent>";
+  node.TryGetAttribute(name, value);
+  return value;
+}
+
+std::size_t StoredBytes(const NodePtr& node, const wchar_t* name) {
+  std::size_t stored = 0;
+  EXPECT_TRUE(node.GetAttributeSize(name, stored)) << name;
+  return stored;
+}
+
+std::wstring Expanded(const std::wstring& text) {
+  wchar_t buffer[4096];
+  EXPECT_NE(::ExpandEnvironmentStringsW(text.c_str(), buffer, 4096), 0u);
+  return buffer;
+}
+
+std::wstring SystemNtPath(const std::wstring& device) {
+  wchar_t target[MAX_PATH] = L"";
+  EXPECT_NE(::QueryDosDeviceW(device.c_str(), target, MAX_PATH), 0u) << device;
+  return target;
+}
+
+// Gives every free drive letter a device for the life of the object.
+struct AllDriveLetters {
+  AllDriveLetters() {
+    const DWORD used = ::GetLogicalDrives();
+    for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
+      const std::wstring device{letter, L':'};
+      if ((used & (1u << (letter - L'A'))) == 0 && ::DefineDosDeviceW(0, device.c_str(), L"C:\\windows")) {
+        defined.push_back(device);
+      }
+    }
+  }
+  ~AllDriveLetters() {
+    for (const std::wstring& device : defined) ::DefineDosDeviceW(DDD_REMOVE_DEFINITION, device.c_str(), nullptr);
+  }
+  std::vector<std::wstring> defined;
+};
+
+std::wstring UnusedDriveRoot() {
+  for (wchar_t letter = L'Z'; letter >= L'D'; --letter) {
+    if ((::GetLogicalDrives() & (1u << (letter - L'A'))) == 0) return {letter, L':', L'\\'};
+  }
+  ADD_FAILURE() << "every drive letter is in use";
+  return L"";
+}
+
+NodePtr FreeSpaceRequest(const std::wstring& directoryPaths) {
+  NodePtr request = Request(L"QueryFreeSpace");
+  request.SetAttribute(L"DirectoryPaths", directoryPaths.c_str(), static_cast<std::uint32_t>(directoryPaths.size()));
+  return request;
+}
+
+// One value per path, each near what the test reads itself: other programs
+// write to the same volumes meanwhile.
+void ExpectFreeSpaceOf(const Reply& reply, const std::vector<std::wstring>& paths) {
+  ASSERT_EQ(reply.hr, S_OK);
+  const std::size_t stored = StoredBytes(reply.response, L"FreeSpace");
+  ASSERT_EQ(stored, paths.size() * sizeof(std::uint64_t));
+  std::vector<std::uint64_t> values(paths.size() + 1);
+  EXPECT_TRUE(reply.response.TryGetAttribute(L"FreeSpace", VHN_TYPE_INT64_ARRAY, values.data(), stored));
+  for (std::size_t index = 0; index < paths.size(); ++index) {
+    ULARGE_INTEGER expected{};
+    ASSERT_TRUE(::GetDiskFreeSpaceExW(Expanded(paths[index]).c_str(), nullptr, nullptr, &expected)) << paths[index];
+    EXPECT_NEAR(static_cast<double>(values[index]), static_cast<double>(expected.QuadPart), 512.0 * (1 << 20));
+  }
+}
+
+std::set<DWORD> SystemProcessIds() {
+  std::vector<DWORD> ids(4096);
+  DWORD returned = 0;
+  EXPECT_TRUE(::K32EnumProcesses(ids.data(), static_cast<DWORD>(ids.size() * sizeof(DWORD)), &returned));
+  return {ids.begin(), ids.begin() + returned / sizeof(DWORD)};
+}
+
+// Children running test_helper.exe "sleep", killed when the set goes.
+struct SleepingProcesses {
+  explicit SleepingProcesses(unsigned count) {
+    for (unsigned index = 0; index < count; ++index) {
+      std::wstring commandLine = L"\"" + image + L"\" sleep 60000";
+      STARTUPINFOW startup{};
+      startup.cb = sizeof(startup);
+      PROCESS_INFORMATION info{};
+      EXPECT_TRUE(::CreateProcessW(image.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                                   &startup, &info)) << ::GetLastError();
+      ::CloseHandle(info.hThread);
+      processes.emplace_back(info.hProcess);
+      ids.insert(info.dwProcessId);
+    }
+  }
+  ~SleepingProcesses() {
+    for (Handle& process : processes) ::TerminateProcess(process.Get(), 0);
+    for (Handle& process : processes) ::WaitForSingleObject(process.Get(), 5000);
+  }
+  const std::wstring image = Kestrel::ModuleDirectory() + L"test_helper.exe";
+  std::vector<Handle> processes;
+  std::set<DWORD> ids;
+};
+
+// Records the buffer sizes asked with; answers with the fake list, cut to
+// the buffer like the system cuts it, when there is one.
+std::vector<DWORD> g_requestedBytes;
+std::vector<DWORD> g_fakeIds;
+BOOL WINAPI RecordingEnumProcesses(DWORD* ids, DWORD bytes, DWORD* returned) {
+  g_requestedBytes.push_back(bytes);
+  if (g_fakeIds.empty()) return ::K32EnumProcesses(ids, bytes, returned);
+  const std::size_t count = std::min<std::size_t>(g_fakeIds.size(), bytes / sizeof(DWORD));
+  std::copy_n(g_fakeIds.begin(), count, ids);
+  *returned = static_cast<DWORD>(count * sizeof(DWORD));
+  return TRUE;
+}
+
+struct RecordedEnumeration {
+  explicit RecordedEnumeration(std::vector<DWORD> fakeIds = {}) {
+    g_fakeIds = std::move(fakeIds);
+    g_requestedBytes.clear();
+  }
+  Kestrel::Detail::ScopedEnumProcessesOverride recording{&RecordingEnumProcesses};
+};
+
+// A stopped service the test registers and deletes again.
+struct TestService {
+  TestService(const wchar_t* stem, const wchar_t* displayName) : name(stem + std::to_wstring(::GetCurrentProcessId())) {
+    service = ::CreateServiceW(manager, name.c_str(), displayName, SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
+                               SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE, L"C:\\windows\\wd64-never-started.exe",
+                               nullptr, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_NE(service, nullptr) << "CreateServiceW failed: " << ::GetLastError();
+  }
+  ~TestService() {
+    ::DeleteService(service);
+    ::CloseServiceHandle(service);
+    ::CloseServiceHandle(manager);
+  }
+  const std::wstring name;
+  SC_HANDLE manager = ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
+  SC_HANDLE service = nullptr;
+};
+
+// Keeps the lines the logger writes while it is installed.
+struct CapturedLog : VHLogger::Detail::ILogWriter {
+  CapturedLog() { EXPECT_TRUE(VHLogger::AddLogWriter(this)); }
+  ~CapturedLog() override { VHLogger::RemoveLogWriter(this); }
+  void Write(const wchar_t* line, std::size_t length) noexcept override { text.append(line, length); }
+  // The captured line that holds `message`, or empty.
+  std::wstring LineWith(const std::wstring& message) {
+    const std::size_t at = text.find(message);
+    if (at == std::wstring::npos) return {};
+    const std::size_t begin = text.rfind(L'\n', at) + 1;  // npos + 1 is the start
+    return text.substr(begin, text.find(L'\n', at) - begin);
+  }
+  std::wstring text;
+};
+
+template <typename Action>
+HRESULT CodeOf(Action action) {
+  try {
+    action();
+  } catch (const Kestrel::HRX& error) {
+    return error.Code();
+  }
+  return S_OK;
+}
+
+}  // namespace
+
+TEST(DiskManager, ListDisksGivesEveryOneOfTwentySixLetters) {
+  // Wine accepts one trailing backslash but not several.
+  EXPECT_EQ(Kestrel::GetDriveNtPath(L"C:\\\\\\").String(), SystemNtPath(L"C:"));
+  EXPECT_THROW(Kestrel::GetDriveNtPath(UnusedDriveRoot()), Kestrel::HRX);
+
+  // Past the first two drive buffers: 26 roots of four characters and the
+  // closing empty entry.
+  const AllDriveLetters letters;
+  ASSERT_EQ(::GetLogicalDriveStringsW(0, nullptr), 26u * 4 + 1) << "DefineDosDeviceW did not map every letter";
+  Component manager(kDiskManager);
+  const Reply reply = Send(manager, Request(L"ListDisks"));
+  ASSERT_EQ(reply.hr, S_OK);
+  const std::vector<NodePtr> disks = Children(reply.response);
+  ASSERT_EQ(disks.size(), 26u);
+  for (std::size_t index = 0; index < disks.size(); ++index) {
+    const std::wstring root{static_cast<wchar_t>(L'A' + index), L':', L'\\'};
+    const std::wstring ntPath = SystemNtPath(root.substr(0, 2));
+    EXPECT_EQ(disks[index].GetType(), L"Disk");
+    EXPECT_EQ(disks[index].GetName(), ntPath);
+    EXPECT_EQ(StringAttribute(disks[index], L"NtPath"), ntPath);
+    EXPECT_EQ(StringAttribute(disks[index], L"Path"), root);
+    EXPECT_EQ(StoredBytes(disks[index], L"Path"), sizeof(L"C:\\"));
+  }
+}
+
+TEST(DiskManager, QueryFreeSpaceAsStringOrStringArrayAllOrNothing) {
+  Component manager(kDiskManager);
+  const std::wstring dataDirectory = Kestrel::ModuleDirectory();
+  ExpectFreeSpaceOf(Send(manager, FreeSpaceRequest(dataDirectory + L'\0' + L"%TEMP%" + L'\0')),
+                    {dataDirectory, L"%TEMP%"});
+  ExpectFreeSpaceOf(Send(manager, FreeSpaceRequest(L"")), {});
+  NodePtr request = Request(L"QueryFreeSpace");
+  const wchar_t paths[] = L"C:\\\0%TEMP%\0";  // each string ends in its own zero
+  request.SetAttribute(L"DirectoryPaths", VHN_TYPE_STRING_ARRAY, paths, sizeof(paths) - sizeof(wchar_t));
+  ExpectFreeSpaceOf(Send(manager, request), {L"C:\\", L"%TEMP%"});
+
+  // One bad path fails the whole request.
+  const std::uint64_t nodesBefore = LiveNodes();
+  const std::wstring missing = UnusedDriveRoot() + L"data";
+  ULARGE_INTEGER ignored;
+  ASSERT_FALSE(::GetDiskFreeSpaceExW(missing.c_str(), nullptr, nullptr, &ignored));
+  const HRESULT missingHr = Kestrel::HResultFromWin32(::GetLastError());
+  ExpectRefused(manager, FreeSpaceRequest(std::wstring(L"C:\\") + L'\0' + missing + L'\0'), missingHr);
+  // Two NULs in a row make an empty path, which has no volume.
+  const Reply empty = Send(manager, FreeSpaceRequest(std::wstring(L"C:\\") + L'\0' + L'\0'));
+  EXPECT_TRUE(FAILED(empty.hr) && empty.response.IsEmpty()) << empty.hr;
+  ExpectRefused(manager, Request(L"QueryFreeSpace"), kNotFound);
+  EXPECT_EQ(LiveNodes(), nodesBefore) << "a failed request left nodes behind";
+}
+
+TEST(ProcessManager, ListProcessesPastSixtyFourShowsEveryProcessAndOurChildren) {
+  const SleepingProcesses children(70);
+  Component manager(kProcessManager);
+  const std::set<DWORD> before = SystemProcessIds();
+  ASSERT_GT(before.size(), 64u);
+  const RecordedEnumeration recording;
+  const Reply reply = Send(manager, Request(L"ListProcesses"));
+  const std::set<DWORD> after = SystemProcessIds();
+  ASSERT_EQ(reply.hr, S_OK);
+  EXPECT_EQ(g_requestedBytes, (std::vector<DWORD>{256, 512})) << "the id buffer doubles once it is full";
+
+  std::set<DWORD> listed;
+  for (const NodePtr& node : Children(reply.response)) {
+    DWORD id = 0;
+    EXPECT_TRUE(node.TryGetAttribute(L"Id", VHN_TYPE_INT32, &id, sizeof(id)));
+    EXPECT_TRUE(listed.insert(id).second) << id;
+    EXPECT_NE(id & 0xFFFFFFFBu, 0u) << "the idle and system processes are never listed";
+    EXPECT_TRUE(before.count(id) != 0 || after.count(id) != 0) << id;
+    EXPECT_EQ(node.GetName(), std::to_wstring(id));
+    EXPECT_EQ(node.GetType(), L"Process");
+    EXPECT_EQ(StoredBytes(node, L"Id"), 4u);
+    std::uint64_t ignored = 0;
+    EXPECT_FALSE(node.TryGetAttribute(L"CreationTime", VHN_TYPE_INT64, &ignored, sizeof(ignored)));
+    EXPECT_TRUE(children.ids.count(id) == 0 ||
+                ::lstrcmpiW(StringAttribute(node, L"ExecutablePath").c_str(), children.image.c_str()) == 0);
+  }
+  for (const DWORD id : before) EXPECT_TRUE(!after.count(id) || !(id & 0xFFFFFFFBu) || listed.count(id)) << id;
+  for (const DWORD id : children.ids) EXPECT_EQ(listed.count(id), 1u) << id;
+  EXPECT_EQ(listed.count(::GetCurrentProcessId()), 1u);
+}
+
+TEST(ProcessManager, ExactlyFullIdBufferAndAVanishedProcess) {
+  const DWORD self = ::GetCurrentProcessId();
+  {
+    // A full buffer may hide more ids, so it is asked again; 0 and 4 are skipped.
+    std::vector<DWORD> ids(62, self);
+    ids.insert(ids.begin(), {0, 4});
+    const RecordedEnumeration fake(ids);
+    unsigned calls = 0;
+    Kestrel::ProcessEnumerator().EnumerateProcesses([&](const Kestrel::CProcess& process) {
+      EXPECT_EQ(process.Id(), self);
+      EXPECT_NE(process.CreationTime(), 0u);
+      return ++calls > 0;
+    });
+    EXPECT_EQ(calls, 62u);
+    EXPECT_EQ(g_requestedBytes, (std::vector<DWORD>{256, 512}));
+  }
+  // An id whose process is gone by the time it is opened fails the request.
+  const DWORD vanished = 0x7FFFFFFC;
+  ASSERT_EQ(::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, vanished), nullptr);
+  const HRESULT expected = Kestrel::HResultFromWin32(::GetLastError());
+  const RecordedEnumeration fake(std::vector<DWORD>{self, vanished, self});
+  Component manager(kProcessManager);
+  const std::uint64_t nodesBefore = LiveNodes();
+  ExpectRefused(manager, Request(L"ListProcesses"), expected);
+  EXPECT_EQ(LiveNodes(), nodesBefore) << "the partial answer was not released";
+}
+
+TEST(ProcessManager, ServicesAsTheServiceManagerHasThem) {
+  const TestService named(L"WD64ManagersTest", L"WatchDog64 managers test service");
+  const TestService unnamed(L"WD64ManagersQuiet", L"");
+  Component manager(kProcessManager);
+  const Reply reply = Send(manager, Request(L"ListServices"));
+  ASSERT_EQ(reply.hr, S_OK);
+  std::vector<ENUM_SERVICE_STATUSW> expected(4096);
+  DWORD needed = 0, count = 0;
+  ASSERT_TRUE(::EnumServicesStatusW(named.manager, 0x3B, SERVICE_STATE_ALL, expected.data(),
+                                    static_cast<DWORD>(expected.size() * sizeof(ENUM_SERVICE_STATUSW)), &needed,
+                                    &count, nullptr));
+  const std::vector<NodePtr> nodes = Children(reply.response);
+  ASSERT_EQ(nodes.size(), count);
+  std::map<std::wstring, std::wstring> pretty{{named.name, L"<absent>"}, {unnamed.name, L"<absent>"}};
+  for (std::size_t index = 0; index < nodes.size(); ++index) {
+    const std::wstring name = expected[index].lpServiceName;
+    EXPECT_EQ(nodes[index].GetType(), L"ServiceInfo");
+    EXPECT_EQ(nodes[index].GetName(), name);
+    EXPECT_EQ(StringAttribute(nodes[index], L"Name"), name);
+    pretty[name] = StringAttribute(nodes[index], L"PrettyName");
+    EXPECT_EQ(pretty[name], expected[index].lpDisplayName);
+  }
+  EXPECT_EQ(pretty[named.name], L"WatchDog64 managers test service");
+  EXPECT_EQ(pretty[unnamed.name], L"") << "an empty display name is an empty string, not a missing one";
+
+  // Start, stop and restart only check their children: type, "Name" and
+  // "PrettyName", null leaving the attribute out. The first bad child decides.
+  const wchar_t* service = named.name.c_str();
+  using Child = std::array<const wchar_t*, 3>;
+  const std::pair<std::vector<Child>, HRESULT> cases[] = {
+      {{}, S_OK},
+      {{{L"ServiceInfo", service, L"Pretty"}, {L"ServiceInfo", service, nullptr}}, S_OK},
+      {{{L"ServiceInfo", service, L"Pretty"}, {L"Service", service, L"Pretty"}, {L"ServiceInfo", nullptr, nullptr}},
+       E_INVALIDARG},
+      {{{L"serviceinfo", service, L"Pretty"}}, E_INVALIDARG},
+      {{{L"ServiceInfo", nullptr, L"Pretty"}}, kNotFound},
+  };
+  for (const wchar_t* requestName : {L"StartServices", L"StopServices", L"RestartServices"}) {
+    for (const auto& [children, hr] : cases) {
+      NodePtr request = Request(requestName);
+      for (const Child& spec : children) {
+        NodePtr child = Request(L"child");
+        child.SetType(spec[0]);
+        if (spec[1] != nullptr) child.SetAttribute(L"Name", spec[1]);
+        if (spec[2] != nullptr) child.SetAttribute(L"PrettyName", spec[2]);
+        request.AddChild(child);
+      }
+      ExpectRefused(manager, request, hr);
+    }
+  }
+  SERVICE_STATUS status{};
+  EXPECT_TRUE(::QueryServiceStatus(named.service, &status));
+  EXPECT_EQ(status.dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED)) << "validation must not touch services";
+}
+
+TEST(Managers, ConcurrentRequestsAndResponsesOutliveTheComponent) {
+  std::vector<NodePtr> responses(8);
+  {
+    Component manager(kProcessManager);
+    std::vector<std::thread> threads;
+    for (std::size_t index = 0; index < responses.size(); ++index) {
+      threads.emplace_back([&, index] {
+        responses[index] = Send(manager, Request(index % 2 == 0 ? L"ListProcesses" : L"ListServices")).response;
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+  }
+  for (const NodePtr& response : responses) EXPECT_GT(response.GetChildCount(), 0u);
+}
+
+TEST(Managers, RequestNamesAreExactAndNullArgumentsRefused) {
+  CapturedLog log;
+  const std::pair<const GUID*, std::vector<const wchar_t*>> managers[] = {
+      {&kProcessManager, {L"ListProcesses", L"listprocesses", L"ListProcessesX", L"ListProcesse", L"LISTSERVICES",
+                          L"startServices", L"Restartservices", L""}},
+      {&kDiskManager, {L"ListDisks", L"listdisks", L"ListDisk", L"queryFreeSpace"}},
+  };
+  for (const auto& [clsid, names] : managers) {
+    Component manager(*clsid);
+    HVHNODE response = nullptr;
+    EXPECT_EQ(manager->ProcessRequest(nullptr, &response), E_POINTER);
+    EXPECT_EQ(manager->ProcessRequest(Request(names[0]).Get(), nullptr), E_POINTER);
+    EXPECT_EQ(response, nullptr);
+    for (std::size_t index = 1; index < names.size(); ++index) {
+      ExpectRefused(manager, Request(names[index]), E_INVALIDARG);
+    }
+  }
+  const std::wstring invalid = log.LineWith(L"Invalid request name: listprocesses\r\n");
+  EXPECT_NE(invalid.find(L"| ERR  |"), std::wstring::npos) << invalid;
+  EXPECT_NE(invalid.find(L"ProcessManagerComponent:91 "), std::wstring::npos) << invalid;
+  EXPECT_NE(log.LineWith(L"Invalid request name: queryFreeSpace\r\n"), L"");
+  EXPECT_NE(log.LineWith(L"CProcessManager::ProcessRequest failed: 0x80070057 "), L"");
+}
+
+TEST(Path, ExpansionAndBuilderLimits) {
+  EXPECT_EQ(Kestrel::CPath(L"%TEMP%\\Logs").String(), Expanded(L"%TEMP%\\Logs"));
+  // An expansion past MAX_PATH keeps its tail.
+  const std::wstring longValue(300, L'a');
+  ASSERT_TRUE(::SetEnvironmentVariableW(L"WD64_LONG_PATH", longValue.c_str()));
+  EXPECT_EQ(Kestrel::CPath(L"C:\\%WD64_LONG_PATH%").String(), L"C:\\" + longValue);
+  ::SetEnvironmentVariableW(L"WD64_LONG_PATH", nullptr);
+
+  // 260 characters with the terminator.
+  Kestrel::CPathBuilder builder;
+  EXPECT_EQ(builder.TryAppend(L"C:\\"), S_OK);
+  EXPECT_EQ(builder.TryAppend(std::wstring(256, L'a').c_str()), S_OK);
+  EXPECT_EQ(builder.TryAppend(L"b"), Kestrel::kHrInsufficientBuffer);
+  EXPECT_EQ(builder.Length(), 259u);
+  EXPECT_EQ(CodeOf([] { Kestrel::CPathBuilder().Append(std::wstring(260, L'x')); }), Kestrel::kHrInsufficientBuffer);
+}
+
+TEST(FileFacts, SizeCreationTimeAndNameOfAFileHeldOpen) {
+  const std::wstring name = L"wd64_path_" + std::to_wstring(::GetCurrentProcessId()) + L".log";
+  const std::wstring path = Expanded(L"%TEMP%\\") + name;
+  {
+    // A writer holding the file open does not stop the facts being read.
+    const Handle writer(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                      CREATE_ALWAYS, 0, nullptr));
+    ASSERT_TRUE(writer);
+    DWORD written = 0;
+    ASSERT_TRUE(::WriteFile(writer.Get(), std::string(12345, 'x').data(), 12345, &written, nullptr));
+    // Wine derives the creation time from the last write, so both are set.
+    const std::uint64_t stamp = 132000000000000000ull;
+    const FILETIME aged{static_cast<DWORD>(stamp), static_cast<DWORD>(stamp >> 32)};
+    ASSERT_TRUE(::SetFileTime(writer.Get(), &aged, nullptr, &aged));
+    EXPECT_EQ(Kestrel::GetFileSize(path), 12345u);
+    EXPECT_EQ(Kestrel::GetFileCreationTime(path), stamp);
+    EXPECT_EQ(Kestrel::GetFileNamePart(path).String(), name);
+    ::SetLastError(1234);
+  }
+  EXPECT_EQ(::GetLastError(), 1234u) << "closing must not clobber an error being reported";
+  // Without delete sharing, removal works only once the owner has closed it.
+  EXPECT_TRUE(::DeleteFileW(path.c_str())) << ::GetLastError();
+  EXPECT_EQ(CodeOf([] { Kestrel::GetFileSize(L"C:\\wd64-no-such-dir\\missing.log"); }),
+            Kestrel::HResultFromWin32(ERROR_PATH_NOT_FOUND));
+  EXPECT_EQ(CodeOf([] { Kestrel::GetFileCreationTime(L"%TEMP%\\wd64-missing.log"); }),
+            Kestrel::HResultFromWin32(ERROR_FILE_NOT_FOUND));
+}
