@@ -400,11 +400,11 @@ TEST(ProcessManager, ServicesAsTheServiceManagerHasThem) {
   for (const wchar_t* requestName : {L"StartServices", L"StopServices", L"RestartServices"}) {
     for (const auto& [children, hr] : cases) {
       NodePtr request = Request(requestName);
-      for (const Child& spec : children) {
+      for (const Child& row : children) {
         NodePtr child = Request(L"child");
-        child.SetType(spec[0]);
-        if (spec[1] != nullptr) child.SetAttribute(L"Name", spec[1]);
-        if (spec[2] != nullptr) child.SetAttribute(L"PrettyName", spec[2]);
+        child.SetType(row[0]);
+        if (row[1] != nullptr) child.SetAttribute(L"Name", row[1]);
+        if (row[2] != nullptr) child.SetAttribute(L"PrettyName", row[2]);
         request.AddChild(child);
       }
       ExpectRefused(manager, request, hr);
