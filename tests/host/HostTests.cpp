@@ -2,9 +2,8 @@
 // runs it: the exit code and output of each command, configuration errors,
 // and the service's life in Wine's service manager.
 
-#include <windows.h>
-
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include <filesystem>
 #include <fstream>
@@ -54,6 +53,13 @@ Result RunHost(const std::wstring& arguments, DWORD timeoutMs = 60000) {
   CloseHandle(process.hProcess);
   CloseHandle(process.hThread);
   return result;
+}
+
+// Every piece must appear in the output.
+void ExpectOutput(const Result& result, std::initializer_list<const char*> pieces) {
+  for (const char* piece : pieces) {
+    EXPECT_NE(result.output.find(piece), std::string::npos) << piece << "\n" << result.output;
+  }
 }
 
 fs::path TestFolder(const char* name) {
@@ -133,24 +139,35 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   const long long freeMb = static_cast<long long>(available.QuadPart >> 20);
   const fs::path events = folder / "events.log";
   const fs::path config = folder / "config.jsonc";
-  WriteFile(config, "{\n"
-                    "  // everything at once, on short intervals\n"
-                    "  \"globalSettings\": { \"EventReporting\": { \"EventsLogFile\": " + Json(events) + " } },\n"
-                    "  \"freeSpaceWatcher\": { \"ActionsPerformIntervalSec\": 1, \"groups\": [ {\n"
-                    "    \"FreeSpaceStopServicesLowerBoundMB\": " + std::to_string(freeMb + 1024) + ",\n"
-                    "    \"FreeSpaceWarningLowerBoundMB\": " + std::to_string(freeMb + 2048) + ",\n"
-                    "    \"FreeSpaceRecommendedMinimumMB\": " + std::to_string(freeMb + 4096) + ",\n"
-                    "    \"Paths\": [ " + Json(folder) + " ], \"ServiceNames\": [ \"WD64HostRunVictim\" ] } ] },\n"
-                    "  \"watchdog\": { \"RefreshIntervalSeconds\": 1 },\n"
-                    "  \"logPacker\": { \"LogsDirectoryPath\": " + Json(logs) + ", \"LogFileMask\": \"*.log\",\n"
-                    "    \"MaxLogFileAgeInHours\": 24, \"MaxLogFileSizeInMegabytes\": 2 }\n"
-                    "}\n");
+  WriteFile(config,
+            "{\n"
+            "  // everything at once, on short intervals\n"
+            "  \"globalSettings\": { \"EventReporting\": { \"EventsLogFile\": " +
+                Json(events) +
+                " } },\n"
+                "  \"freeSpaceWatcher\": { \"ActionsPerformIntervalSec\": 1, \"groups\": [ {\n"
+                "    \"FreeSpaceStopServicesLowerBoundMB\": " +
+                std::to_string(freeMb + 1024) +
+                ",\n"
+                "    \"FreeSpaceWarningLowerBoundMB\": " +
+                std::to_string(freeMb + 2048) +
+                ",\n"
+                "    \"FreeSpaceRecommendedMinimumMB\": " +
+                std::to_string(freeMb + 4096) +
+                ",\n"
+                "    \"Paths\": [ " +
+                Json(folder) +
+                " ], \"ServiceNames\": [ \"WD64HostRunVictim\" ] } ] },\n"
+                "  \"watchdog\": { \"RefreshIntervalSeconds\": 1 },\n"
+                "  \"logPacker\": { \"LogsDirectoryPath\": " +
+                Json(logs) +
+                ", \"LogFileMask\": \"*.log\",\n"
+                "    \"MaxLogFileAgeInHours\": 24, \"MaxLogFileSizeInMegabytes\": 2 }\n"
+                "}\n");
 
   const Result result = RunHost(L"run --for 5 --config \"" + config.wstring() + L"\"");
   EXPECT_EQ(result.exitCode, 0u) << result.output;
-  EXPECT_NE(result.output.find("log packer: logs packed"), std::string::npos) << result.output;
-  EXPECT_NE(result.output.find("free-space watcher: stopped"), std::string::npos) << result.output;
-  EXPECT_NE(result.output.find("watchdog: stopped"), std::string::npos) << result.output;
+  ExpectOutput(result, {"log packer: logs packed", "free-space watcher: stopped", "watchdog: stopped"});
 
   const std::string entries = ReadUtf16(events);
   EXPECT_NE(entries.find("EventId: 4302; Type: 'Error'(1)"), std::string::npos) << entries;
@@ -170,7 +187,7 @@ TEST(HostRequest, TableAndJsonAgree) {
   const Result table = RunHost(L"request ListDisks");
   ASSERT_EQ(table.exitCode, 0u) << table.output;
   EXPECT_EQ(table.output.rfind("Node ", 0), 0u) << table.output;
-  EXPECT_NE(table.output.find("C:\\"), std::string::npos);
+  ExpectOutput(table, {"C:\\"});
 
   const Result json = RunHost(L"request ListDisks --json");
   ASSERT_EQ(json.exitCode, 0u) << json.output;
@@ -193,11 +210,11 @@ TEST(HostRequest, TableAndJsonAgree) {
   const Result missing = RunHost(L"request QueryFreeSpace \"DirectoryPaths=Q:\\nowhere\"");
   EXPECT_EQ(missing.exitCode, 1u);
   // Path or file not found, as the system says it for a missing drive.
-  EXPECT_NE(missing.output.find("QueryFreeSpace failed: 0x8007000"), std::string::npos) << missing.output;
+  ExpectOutput(missing, {"QueryFreeSpace failed: 0x8007000"});
 
   const Result unknown = RunHost(L"request listdisks");
   EXPECT_EQ(unknown.exitCode, 2u);
-  EXPECT_NE(unknown.output.find("unknown request 'listdisks'"), std::string::npos);
+  ExpectOutput(unknown, {"unknown request 'listdisks'"});
 }
 
 TEST(HostConfig, ErrorsNameTheFileAndThePlaceAndNothingStarts) {
@@ -208,7 +225,8 @@ TEST(HostConfig, ErrorsNameTheFileAndThePlaceAndNothingStarts) {
     std::string expected;
   };
   const Case cases[] = {
-      {"{ \"watchdog\": { \"RefreshIntervalSeconds\": 30, } ", "line 2, column 46: syntax error while parsing object key"},
+      {"{ \"watchdog\": { \"RefreshIntervalSeconds\": 30, } ",
+       "line 2, column 46: syntax error while parsing object key"},
       {"{ \"watchdog\": { \"RefreshIntervalSeconds\": \"30\" } }",
        "/watchdog/RefreshIntervalSeconds: expected a whole number"},
       {"{ \"watchdg\": {} }", "/watchdg: unknown component"},
@@ -222,11 +240,11 @@ TEST(HostConfig, ErrorsNameTheFileAndThePlaceAndNothingStarts) {
   };
   for (const Case& c : cases) {
     const fs::path config = folder / "bad.jsonc";
-    WriteFile(config, "{ \"globalSettings\": { \"EventReporting\": { \"EventsLogFile\": " + Json(events) +
-                          " } },\n" + c.text.substr(1));
+    WriteFile(config, "{ \"globalSettings\": { \"EventReporting\": { \"EventsLogFile\": " + Json(events) + " } },\n" +
+                          c.text.substr(1));
     const Result result = RunHost(L"run --for 1 --config \"" + config.wstring() + L"\"");
     EXPECT_EQ(result.exitCode, 2u) << c.text << "\n" << result.output;
-    EXPECT_NE(result.output.find("bad.jsonc: "), std::string::npos) << result.output;
+    ExpectOutput(result, {"bad.jsonc: "});
     EXPECT_NE(result.output.find(c.expected), std::string::npos) << result.output;
     EXPECT_EQ(result.output.find("running"), std::string::npos) << result.output;
   }
@@ -236,20 +254,19 @@ TEST(HostConfig, ErrorsNameTheFileAndThePlaceAndNothingStarts) {
 TEST(HostCheck, NamesTheFailingGroupWithTheModulesDescription) {
   const fs::path folder = TestFolder("check");
   const fs::path config = folder / "check.jsonc";
-  WriteFile(config, "{ \"freeSpaceWatcher\": { \"groups\": [\n"
-                    "  { \"Paths\": [\"C:\\\\\"], \"ServiceNames\": [] },\n"
-                    "  { \"Paths\": [\"C:\\\\\"], \"ServiceNames\": [], \"FreeSpaceStopServicesLowerBoundGB\": 30 } ] },\n"
-                    "  \"watchdog\": { \"RefreshIntervalSeconds\": 30 } }\n");
+  WriteFile(config,
+            "{ \"freeSpaceWatcher\": { \"groups\": [\n"
+            "  { \"Paths\": [\"C:\\\\\"], \"ServiceNames\": [] },\n"
+            "  { \"Paths\": [\"C:\\\\\"], \"ServiceNames\": [], \"FreeSpaceStopServicesLowerBoundGB\": 30 } ] },\n"
+            "  \"watchdog\": { \"RefreshIntervalSeconds\": 30 } }\n");
   const Result result = RunHost(L"check --config \"" + config.wstring() + L"\"");
   EXPECT_EQ(result.exitCode, 1u) << result.output;
-  EXPECT_NE(result.output.find("ok      /freeSpaceWatcher/groups/0"), std::string::npos) << result.output;
-  EXPECT_NE(result.output.find("FAILED  /freeSpaceWatcher/groups/1: 0x80070057"), std::string::npos) << result.output;
-  EXPECT_NE(result.output.find("ok      /watchdog"), std::string::npos) << result.output;
-  EXPECT_NE(result.output.find("event source 'Vigil Hub'"), std::string::npos) << result.output;
+  ExpectOutput(result, {"ok      /freeSpaceWatcher/groups/0", "FAILED  /freeSpaceWatcher/groups/1: 0x80070057",
+                        "ok      /watchdog", "event source 'Vigil Hub'"});
 
   const Result defaults = RunHost(L"check");
   EXPECT_EQ(defaults.exitCode, 0u) << defaults.output;
-  EXPECT_NE(defaults.output.find("configuration is valid"), std::string::npos);
+  ExpectOutput(defaults, {"configuration is valid"});
 }
 
 TEST(HostService, InstallStartStopUninstall) {
@@ -257,8 +274,8 @@ TEST(HostService, InstallStartStopUninstall) {
   const fs::path config = folder / "service.jsonc";
   WriteFile(config, "{ \"watchdog\": { \"RefreshIntervalSeconds\": 1 } }");
   const wchar_t* name = L"WD64HostServiceTest";
-  const Result install = RunHost(L"service install --name " + std::wstring(name) + L" --config \"" +
-                                 config.wstring() + L"\"");
+  const Result install =
+      RunHost(L"service install --name " + std::wstring(name) + L" --config \"" + config.wstring() + L"\"");
   ASSERT_EQ(install.exitCode, 0u) << install.output;
 
   ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
@@ -295,9 +312,9 @@ TEST(HostConfigParse, TypesRangesAndRelativePaths) {
 
   EXPECT_THROW(Host::ParseConfig(R"({ "watchdog": { "RefreshIntervalSeconds": 1.5 } })", L"inline", L""),
                Host::ConfigError);
-  EXPECT_THROW(Host::ParseConfig(R"({ "watchdog": { "RefreshIntervalSeconds": 18446744073709551615 } })", L"inline",
-                                 L""),
-               Host::ConfigError);
+  EXPECT_THROW(
+      Host::ParseConfig(R"({ "watchdog": { "RefreshIntervalSeconds": 18446744073709551615 } })", L"inline", L""),
+      Host::ConfigError);
   EXPECT_THROW(Host::ParseConfig(R"([1, 2])", L"inline", L""), Host::ConfigError);
   const Host::Config defaults = Host::DefaultConfig(L"C:\\Module\\");
   EXPECT_EQ(defaults.source, L"<embedded default>");
