@@ -60,7 +60,7 @@ int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, std:
         if (FAILED(hr)) {
           Say("log packer: %s", Narrow(HostError(hr, L"packing logs").Text()).c_str());
         } else {
-          Say("log packer: logs packed");
+          Say("log packer: pack run finished");
         }
         nextPack = now + static_cast<ULONGLONG>(config.packer->packIntervalSeconds) * 1000;
       }

@@ -167,7 +167,7 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
 
   const Result result = RunHost(L"run --for 5 --config \"" + config.wstring() + L"\"");
   EXPECT_EQ(result.exitCode, 0u) << result.output;
-  ExpectOutput(result, {"log packer: logs packed", "free-space watcher: stopped", "watchdog: stopped"});
+  ExpectOutput(result, {"log packer: pack run finished", "free-space watcher: stopped", "watchdog: stopped"});
 
   const std::string entries = ReadUtf16(events);
   EXPECT_NE(entries.find("EventId: 4302; Type: 'Error'(1)"), std::string::npos) << entries;
