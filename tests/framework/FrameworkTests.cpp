@@ -1,64 +1,60 @@
-// The component templates and the owner template, exercised in-process with
-// components of the test's own.
+// The framework in-process: component templates and registry, the owner
+// template, errors crossing a component boundary as text, and the node wrapper
+// over the real DataLayer.dll.
 
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
+#include "Boundary.h"
+#include "DataLayer/NodePtr.h"
+#include "ErrorHandling.h"
 #include "UniqueResource.h"
 #include "components/ComponentsCommon.h"
+
+using Kestrel::errData;
+using Kestrel::HRX;
 
 namespace {
 
 const GUID kTestClass = WatchDog64::MakeGuid(0xC0FFEE00, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10);
 
-int g_finalReleases = 0;
 int g_destructions = 0;
-long g_locksSeenInFinalRelease = -1;
+int g_lockedInFinalRelease = -1;
+
+int Locked() {
+  int locked = -1;
+  GetComponentsModule().IsLocked(&locked);
+  return locked;
+}
 
 class CTestComponent : public CComponentClass<CTestComponent, IVHConfigurable, IVHShutdownable> {
  public:
   ~CTestComponent() override { ++g_destructions; }
   HRESULT Configure(HVHNODE) override { return S_OK; }
   HRESULT Shutdown() override { return S_OK; }
-  void FinalRelease() {
-    ++g_finalReleases;
-    int locked = 0;
-    GetComponentsModule().IsLocked(&locked);
-    g_locksSeenInFinalRelease = locked;
-  }
+  void FinalRelease() { g_lockedInFinalRelease = Locked(); }
 };
 
-TEST(Registry, LaterRegistrationReplacesEarlierAndFinalReleaseRunsBeforeDestruction) {
+TEST(Registry, LaterRegistrationReplacesEarlierAndLifetimeHoldsTheLock) {
   RegisterComponentClass(kTestClass, [](const GUID*, void**) -> long { return E_ABORT; });
   void* out = nullptr;
   EXPECT_EQ(GetComponentsModule().CreateComponent(&kTestClass, &IComponentBase::IID, &out), E_ABORT);
 
   RegisterComponentClass(kTestClass, &CComponentObject<CTestComponent>::Create);
-  IVHShutdownable* object = nullptr;
-  ASSERT_EQ(GetComponentsModule().CreateComponent(&kTestClass, &IVHShutdownable::IID,
-                                                  reinterpret_cast<void**>(&object)),
-            S_OK);
-  EXPECT_EQ(object->Shutdown(), S_OK);
-  EXPECT_EQ(object->Release(), 0u);
-  EXPECT_EQ(g_finalReleases, 1);
+  ASSERT_EQ(GetComponentsModule().CreateComponent(&kTestClass, &IVHShutdownable::IID, &out), S_OK);
+  EXPECT_EQ(static_cast<IVHShutdownable*>(out)->Release(), 0u);
   EXPECT_EQ(g_destructions, 1);
-  EXPECT_EQ(g_locksSeenInFinalRelease, 1);  // the object still held its lock
+  EXPECT_EQ(g_lockedInFinalRelease, 1);
 
-  // An object created for an interface it lacks is destroyed without its
-  // FinalRelease being skipped.
-  out = nullptr;
+  // Created for an interface it lacks: destroyed, and the lock given back.
   EXPECT_EQ(GetComponentsModule().CreateComponent(&kTestClass, &IVHRequestProcessor::IID, &out), E_NOINTERFACE);
   EXPECT_EQ(g_destructions, 2);
-  int locked = -1;
-  GetComponentsModule().IsLocked(&locked);
-  EXPECT_EQ(locked, 0);
+  EXPECT_EQ(Locked(), 0);
 }
 
-// A fake close function that counts calls and can fail, as handle owners are
-// tested without real handles.
+// Counts closes and spoils the last error, as a real close may.
 int g_closes = 0;
-bool g_closeResult = true;
 struct FakeTraits {
   using pointer = int;
   static int Invalid() noexcept { return -1; }
@@ -66,36 +62,189 @@ struct FakeTraits {
   static bool Close(int) noexcept {
     ++g_closes;
     SetLastError(ERROR_INVALID_HANDLE);
-    return g_closeResult;
+    return true;
   }
   static const wchar_t* Source() noexcept { return L"Fake"; }
 };
 using FakeOwner = Kestrel::UniqueResource<FakeTraits>;
 
 TEST(UniqueResource, ClosesExactlyOnceAndKeepsLastError) {
-  g_closes = 0;
   {
     FakeOwner a(5);
-    FakeOwner b(std::move(a));
-    EXPECT_FALSE(a.IsValid());
-    EXPECT_TRUE(b.IsValid());
     FakeOwner c;
-    c = std::move(b);
+    c = FakeOwner(std::move(a));
+    EXPECT_FALSE(a.IsValid());
     SetLastError(ERROR_ACCESS_DENIED);
-    c.Reset(7);  // closes 5
+    c.Reset(7);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
     EXPECT_EQ(g_closes, 1);
-    *c.Put() = 9;  // closes 7
+    *c.Put() = 9;
     EXPECT_EQ(g_closes, 2);
-    int released = c.Release();
-    EXPECT_EQ(released, 9);
-  }
-  EXPECT_EQ(g_closes, 2);  // the released value is no longer owned
-  {
-    FakeOwner none;
+    EXPECT_EQ(c.Release(), 9);
     FakeOwner invalid(-1);
   }
   EXPECT_EQ(g_closes, 2);
+}
+
+template <typename F>
+HRX Caught(F raise) {
+  try {
+    raise();
+  } catch (const HRX& error) {
+    return error;
+  }
+  throw std::logic_error("nothing thrown");
+}
+
+TEST(ErrorText, FormDescriptionsAndInterfaceRange) {
+  EXPECT_EQ(errData(E_FAIL, L"It broke").Text(), L"0x80004005 It broke");
+  EXPECT_EQ(errData(static_cast<HRESULT>(0x8007000E), L"No memory", L"Reader").Text(),
+            L"0x8007000E No memory [Reader]");
+
+  // System texts lose their trailing full stop and line break.
+  const std::wstring notFound = Kestrel::DescribeHResult(Kestrel::kHrNotFound);
+  ASSERT_NE(notFound, L"<no description>");
+  EXPECT_EQ(std::wstring(L".\r\n ").find(notFound.back()), std::wstring::npos);
+
+  EXPECT_TRUE(Kestrel::Detail::IsInterfaceRangeCode(REGDB_E_CLASSNOTREG));
+  EXPECT_FALSE(Kestrel::Detail::IsInterfaceRangeCode(static_cast<HRESULT>(0x80040000)));
+}
+
+__attribute__((noinline)) void FailHere() { Kestrel::ThrowHr(E_INVALIDARG); }
+
+TEST(Hrx, CarriesCodeDescriptionAndTheRaisingFunction) {
+  const HRX error = Caught(FailHere);
+  EXPECT_EQ(error.Code(), E_INVALIDARG);
+  EXPECT_EQ(error.Description(), Kestrel::DescribeHResult(E_INVALIDARG));
+  const auto start = reinterpret_cast<std::uint64_t>(&FailHere);
+  EXPECT_GT(error.Origin(0), start);
+  EXPECT_LT(error.Origin(0), start + 64);
+  EXPECT_EQ(error.Text().rfind(L"0x80070057 ", 0), 0u);
+
+  // A failure that left no error code must not read as success.
+  SetLastError(ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(Caught(Kestrel::ThrowLastError).Code(), static_cast<HRESULT>(0x80070002));
+  SetLastError(0);
+  EXPECT_EQ(Caught(Kestrel::ThrowLastError).Code(), E_FAIL);
+}
+
+TEST(Hrx, PublishedErrorIsReadBackOnlyForItsOwnCode) {
+  EXPECT_EQ(HRX(E_ACCESSDENIED, errData(E_ACCESSDENIED, L"Cannot open", L"Reader")).Publish(), E_ACCESSDENIED);
+  const HRX carried(E_ACCESSDENIED);
+  EXPECT_EQ(carried.Description(), L"Cannot open");
+  EXPECT_EQ(carried.Data().GetContext().rfind(L"Reader;0x", 0), 0u);
+
+  HRX(E_POINTER, errData(E_POINTER, L"Null")).Publish();
+  EXPECT_EQ(HRX(E_FAIL).Description(), Kestrel::DescribeHResult(E_FAIL));
+}
+
+errData Parse(const wchar_t* text) {
+  ICreateErrorInfo* creator = nullptr;
+  IErrorInfo* info = nullptr;
+  EXPECT_EQ(CreateErrorInfo(&creator), S_OK);
+  BSTR description = SysAllocString(text);
+  creator->SetDescription(description);
+  SysFreeString(description);
+  creator->QueryInterface(IID_IErrorInfo, reinterpret_cast<void**>(&info));
+  errData data = errData::FromErrorInfo(E_FAIL, info);
+  info->Release();
+  creator->Release();
+  return data;
+}
+
+TEST(Hrx, ParsesTextInAndOutOfTheErrorForm) {
+  const errData plain = Parse(L"plain words [not a context]");
+  EXPECT_EQ(plain.GetCode(), E_FAIL);
+  EXPECT_EQ(plain.GetDescription(), L"plain words [not a context]");
+  EXPECT_EQ(plain.GetContext(), L"");
+  const errData split = Parse(L"0x10 sixteen [a [b] c]");
+  EXPECT_EQ(split.GetCode(), 16);
+  EXPECT_EQ(split.GetDescription(), L"sixteen [a");
+  EXPECT_EQ(split.GetContext(), L"b] c");
+}
+
+TEST(Boundary, ReturnsTheCodeAndPublishesOnlyForHrx) {
+  const Kestrel::BoundaryInfo info{L"CTest::Configure", L"TestComponent", 42};
+  EXPECT_EQ(Kestrel::RunAtBoundary(info, [] { Kestrel::ThrowHr(Kestrel::kHrNotFound); }), Kestrel::kHrNotFound);
+  IErrorInfo* published = nullptr;
+  ASSERT_EQ(GetErrorInfo(0, &published), S_OK);
+  BSTR description = nullptr;
+  published->GetDescription(&description);
+  EXPECT_EQ(std::wstring(description).rfind(L"0x80070490 ", 0), 0u);
+  SysFreeString(description);
+  published->Release();
+  EXPECT_THROW(Kestrel::RunAtBoundary(info, [] { throw std::runtime_error("other"); }), std::runtime_error);
+}
+
+TEST(NodePtr, StringsAroundTheFirstBufferSize) {
+  NodePtr node;
+  EXPECT_TRUE(node.IsEmpty());
+  node.SetName(std::wstring(5000, L'n'));  // the node comes into being when named
+  ASSERT_FALSE(node.IsEmpty());
+  EXPECT_EQ(node.GetName(), std::wstring(5000, L'n'));
+  std::wstring value;
+  for (std::size_t length : {127u, 128u, 5000u}) {
+    const std::wstring text(length, L'a');
+    node.SetAttribute(L"Text", text);
+    ASSERT_TRUE(node.TryGetAttribute(L"Text", value));
+    EXPECT_EQ(value, text);
+  }
+  std::size_t size = 99;
+  node.SetAttribute(L"Empty", L"");
+  ASSERT_TRUE(node.GetAttributeSize(L"Empty", size));
+  EXPECT_EQ(size, 2u);
+  node.SetAttribute(L"Cut", L"abcdef", 3);
+  ASSERT_TRUE(node.GetAttributeSize(L"Cut", size));
+  EXPECT_EQ(size, 8u);
+  ASSERT_TRUE(node.TryGetAttribute(L"Cut", value));
+  EXPECT_EQ(value, L"abc");
+}
+
+TEST(NodePtr, ReadsOfAbsentMistypedAndMultiStringValues) {
+  NodePtr node;
+  node.SetAttribute(L"Number", VHN_TYPE_INT64, "\x2A\0\0\0\0\0\0\0", 8);
+  std::wstring value = L"untouched";
+  EXPECT_FALSE(node.TryGetAttribute(L"Missing", value));
+  EXPECT_EQ(value, L"untouched");
+  std::int64_t number = -1;
+  ASSERT_TRUE(node.TryGetAttribute(L"Number", VHN_TYPE_INT64, &number, 8));
+  EXPECT_EQ(number, 42);
+  EXPECT_THROW(node.TryGetAttribute(L"Number", value), HRX);
+
+  // Multi-strings come back as raw text, each item ending in a zero.
+  const wchar_t raw[] = L"C:\\Data\0%TEMP%\0";
+  node.SetAttribute(L"Paths", VHN_TYPE_STRING_ARRAY, raw, sizeof(raw) - sizeof(wchar_t));
+  ASSERT_TRUE(node.TryGetMultiString(L"Paths", value));
+  EXPECT_EQ(value, std::wstring(L"C:\\Data\0%TEMP%", 14));
+  EXPECT_EQ(Kestrel::SplitMultiString(std::wstring(L"a\0\0b\0", 5)), (std::vector<std::wstring>{L"a", L"", L"b"}));
+  EXPECT_TRUE(Kestrel::SplitMultiString(L"").empty());
+}
+
+TEST(NodePtr, ChildHandlesAreClosedAndDuplicatesLeaveTheOriginalOpen) {
+  NodePtr parent;
+  for (int i = 0; i < 3; ++i) {
+    NodePtr child;
+    child.SetName(L"child" + std::to_wstring(i));
+    parent.AddChild(child);
+  }
+  std::vector<std::wstring> names;
+  parent.ForEachChild([&](NodePtr& child) { names.push_back(child.GetName()); });
+  EXPECT_EQ(names, (std::vector<std::wstring>{L"child0", L"child1", L"child2"}));
+  HVHNODE seen = nullptr;
+  EXPECT_THROW(parent.ForEachChild([&](NodePtr& child) {
+    seen = child.Get();
+    throw std::runtime_error("stop");
+  }),
+               std::runtime_error);
+  std::uint32_t count = 0;
+  EXPECT_LT(VhnGetChildCount(seen, &count), 0);
+
+  HVHNODE raw = nullptr;
+  ASSERT_EQ(VhnCreateNode(&raw), S_OK);
+  NodePtr::Duplicate(raw).SetName(L"shared");
+  EXPECT_EQ(VhnGetChildCount(raw, &count), S_OK);
+  EXPECT_EQ(NodePtr(raw).GetName(), L"shared");
+  EXPECT_THROW(NodePtr::Duplicate(raw), HRX);  // closed with the owner above
 }
 
 }  // namespace
