@@ -1,10 +1,8 @@
 #pragma once
-// Shared pieces of the diagnostics tests. Settings and the logger are
-// process-wide, so every piece undoes itself.
+// Settings and the logger are process-wide: every piece here undoes itself.
 
 #include <windows.h>
 
-#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -24,91 +22,66 @@ namespace DiagTest {
 // Where a depth 0 message starts in a log line whose source fits its column.
 constexpr std::size_t kMessageColumn = 79;
 
-// Sets (nullopt: removes) a variable until the end of the scope; the logger
-// re-reads its settings at once, both ways.
-class ScopedEnv {
- public:
-  ScopedEnv(std::wstring name, std::optional<std::wstring> value) : m_name(std::move(name)) { Set(value); }
+// Sets (nullopt: removes) a variable for the scope; the logger re-reads.
+struct ScopedEnv {
+  ScopedEnv(std::wstring name, std::optional<std::wstring> value) : name(std::move(name)) { Set(value); }
   ~ScopedEnv() { Set(std::nullopt); }
-
- private:
   void Set(const std::optional<std::wstring>& value) {
-    ::SetEnvironmentVariableW(m_name.c_str(), value ? value->c_str() : nullptr);
+    ::SetEnvironmentVariableW(name.c_str(), value ? value->c_str() : nullptr);
     VHLogger::GetLogger().InvalidateConfiguration();
     VHLogger::GetLogger().RefreshConfiguration();
   }
-  std::wstring m_name;
+  const std::wstring name;
 };
 
-// Holds the tick count at a value the test moves by hand.
-class ScopedTicks {
- public:
+// The tick count, moved by hand.
+struct ScopedTicks {
   explicit ScopedTicks(DWORD start) { s_value = start; }
-  ~ScopedTicks() { GlobalSettings::Detail::SetTickSource(m_previous); }
+  ~ScopedTicks() { GlobalSettings::Detail::SetTickSource(previous); }
   void Advance(DWORD ms) { s_value += ms; }
-
- private:
   static inline std::atomic<DWORD> s_value{0};
-  GlobalSettings::Detail::TickSource m_previous = GlobalSettings::Detail::SetTickSource([] { return s_value.load(); });
+  GlobalSettings::Detail::TickSource previous = GlobalSettings::Detail::SetTickSource([] { return s_value.load(); });
 };
 
-// Texts gathered from any thread.
-class Collected {
- public:
+struct Collected {
   void Add(std::wstring text) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_texts.push_back(std::move(text));
+    std::lock_guard<std::mutex> lock(mutex);
+    texts.push_back(std::move(text));
   }
   std::vector<std::wstring> Texts() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_texts;
+    std::lock_guard<std::mutex> lock(mutex);
+    return texts;
   }
-
- private:
-  std::mutex m_mutex;
-  std::vector<std::wstring> m_texts;
+  std::mutex mutex;
+  std::vector<std::wstring> texts;
 };
 
-// Collects what the logging code sends to the debugger output.
-class DebugCapture : public Collected {
- public:
-  DebugCapture() {
-    s_current = this;
-    m_previous = VHLogger::Detail::SetDebugOutputHook([](const wchar_t* text) { s_current->Add(text); });
-  }
-  ~DebugCapture() { VHLogger::Detail::SetDebugOutputHook(m_previous); }
-
- private:
+// What the logging code sends to the debugger output.
+struct DebugCapture : Collected {
+  DebugCapture() { s_current = this; }
+  ~DebugCapture() { VHLogger::Detail::SetDebugOutputHook(previous); }
   static inline DebugCapture* s_current = nullptr;
-  VHLogger::Detail::DebugOutputHook m_previous;
+  VHLogger::Detail::DebugOutputHook previous =
+      VHLogger::Detail::SetDebugOutputHook([](const wchar_t* text) { s_current->Add(text); });
 };
 
-// A log writer that keeps its lines; installed in the logger while it lives.
-class CaptureWriter : public VHLogger::Detail::ILogWriter, public Collected {
- public:
-  CaptureWriter() : m_installed(VHLogger::AddLogWriter(this)) {}
-  ~CaptureWriter() override {
-    if (m_installed) VHLogger::RemoveLogWriter(this);
-  }
+// A log writer that keeps its lines, installed while it lives.
+struct CaptureWriter : VHLogger::Detail::ILogWriter, Collected {
+  CaptureWriter() : installed(VHLogger::AddLogWriter(this)) {}
+  ~CaptureWriter() override { VHLogger::RemoveLogWriter(this); }
   void Write(const wchar_t* text, std::size_t length) noexcept override { Add(std::wstring(text, length)); }
-  bool Installed() const { return m_installed; }
-
- private:
-  bool m_installed;
+  const bool installed;
 };
 
 // A fresh directory under %TEMP%, removed with its contents afterwards.
-class TempDir {
- public:
-  TempDir() { std::filesystem::create_directory(m_path); }
-  ~TempDir() { std::filesystem::remove_all(m_path, m_error); }
-  std::wstring File(const std::wstring& name) const { return m_path + name; }
-
- private:
+struct TempDir {
+  TempDir() { std::filesystem::create_directory(path); }
+  ~TempDir() { std::filesystem::remove_all(path, error); }
+  std::wstring File(const std::wstring& name) const { return path + name; }
   static inline std::atomic<unsigned> s_count{0};
-  std::wstring m_path = (std::filesystem::temp_directory_path() / L"wd64diag-").wstring() +
-                        std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(s_count++) + L"\\";
-  std::error_code m_error;
+  const std::wstring path = (std::filesystem::temp_directory_path() / L"wd64diag-").wstring() +
+                            std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(s_count++) + L"\\";
+  std::error_code error;
 };
 
 inline std::wstring ReadUtf16(const std::wstring& path) {

@@ -11,28 +11,23 @@
 #include "logger/detail/FileLogger.h"
 
 using VHLogger::Detail::CFileLogger;
+constexpr auto npos = CFileLogger::npos;
 
 namespace {
-
-constexpr auto npos = CFileLogger::npos;
-// Writers 0 to 7 are threads, 8 to 11 the second process.
+// Writers 0 to 7 are threads, 8 to 11 the second process. Lengths differ, so
+// a torn or mixed line cannot pass for a whole one.
 constexpr unsigned kThreads = 8, kWriters = 12, kPerWriter = 400;
-
-// Lengths differ, so a torn or mixed line cannot pass for a whole one.
 std::wstring Numbered(unsigned writer, unsigned index) {
   return std::to_wstring(writer) + L" " + std::to_wstring(index) + std::wstring(index % 53 + 1, L'a' + index % 26);
 }
-
 void LogNumbered(CFileLogger& logger, unsigned writer) {
   for (unsigned i = 0; i < kPerWriter; ++i)
     VHLogger::GetLogger().Write(VHLogger::SEV_INFO, Numbered(writer, i), L"Concurrency", 1, &logger);
 }
-
 }  // namespace
 
 TEST(FileLogger, ThreadsAndAnotherProcessLoseAndTearNothing) {
-  // The second process: one more module logger on the same file, as when two
-  // host processes load the module.
+  // The second process: one more logger on the file, as in a second host.
   wchar_t shared[MAX_PATH] = L"";
   if (::GetEnvironmentVariableW(L"WD64_DIAG_APPEND_FILE", shared, MAX_PATH)) {
     CFileLogger logger(shared, L"=== banner ===\r\n");
@@ -43,39 +38,43 @@ TEST(FileLogger, ThreadsAndAnotherProcessLoseAndTearNothing) {
   const std::wstring path = dir.File(L"shared.log");
   CFileLogger logger(path, L"=== banner ===\r\n");
   DWORD childExit = 0;
-  std::thread child([&] { childExit = DiagTest::RunSelf(L"FileLogger.Threads*", L"WD64_DIAG_APPEND_FILE", path); });
-  for (int i = 0; i < 1000 && DiagTest::ReadUtf16(path).empty(); ++i) ::Sleep(10);  // the child has begun
   std::vector<std::thread> threads;
+  threads.emplace_back([&] { childExit = DiagTest::RunSelf(L"FileLogger.Threads*", L"WD64_DIAG_APPEND_FILE", path); });
+  for (int i = 0; i < 1000 && DiagTest::ReadUtf16(path).empty(); ++i) ::Sleep(10);  // the child has begun
   for (unsigned writer = 0; writer < kThreads; ++writer)
     threads.emplace_back([&, writer] { LogNumbered(logger, writer); });
   for (auto& thread : threads) thread.join();
-  child.join();
   EXPECT_EQ(childExit, 0u);
 
-  std::set<std::wstring> expected;
+  // Every line whole and once; the banner once from each process.
+  std::multiset<std::wstring> expected{L"=== banner ===\r", L"=== banner ===\r"}, found;
   for (unsigned writer = 0; writer < kWriters; ++writer)
     for (unsigned i = 0; i < kPerWriter; ++i) expected.insert(Numbered(writer, i) + L"\r");
-  int banners = 0, bad = 0;
   std::wistringstream text(DiagTest::ReadUtf16(path));
-  for (std::wstring line; std::getline(text, line);) {
-    if (line == L"=== banner ===\r")
-      ++banners;
-    else if (expected.erase(line.substr(std::min(line.size(), DiagTest::kMessageColumn))) == 0 && ++bad < 5)
-      ADD_FAILURE() << "torn, mixed or repeated line: " << line;
-  }
-  EXPECT_EQ(banners, 2) << "one from each process";
-  EXPECT_EQ(expected.size(), 0u) << "lines lost";
+  for (std::wstring line; std::getline(text, line);)
+    found.insert(line.size() > DiagTest::kMessageColumn ? line.substr(DiagTest::kMessageColumn) : line);
+  EXPECT_TRUE(found == expected) << "lost, torn, mixed or repeated lines among " << found.size();
 }
 
-TEST(FileLogger, MovedFileIsFollowedUntilTheIntervalEnds) {
-  DiagTest::ScopedTicks ticks(100000);
+TEST(FileLogger, PathSettingNamesThatArePathsAndMovedFiles) {
   DiagTest::TempDir dir;
+  DiagTest::ScopedEnv root(L"WD64_DIAG_ROOT", dir.File(L"new")), path(L"GS_Logger_Path", L"%WD64_DIAG_ROOT%/Logs2");
+  const std::wstring expected = dir.File(L"new\\Logs2\\");
+  EXPECT_EQ(VHLogger::GetLogDirectory(), expected);
+  EXPECT_TRUE(std::filesystem::is_directory(expected)) << "created on the way";
+  EXPECT_EQ(CFileLogger(L"bare.log", L"").FilePath(), expected + L"bare.log");
+  // A name with a separator is used as it stands, "Path" or not.
+  CFileLogger(std::filesystem::path(dir.File(L"direct.log")).generic_wstring(), L"").Write(L"here\r\n", npos);
+  EXPECT_EQ(DiagTest::ReadUtf16(dir.File(L"direct.log")), L"here\r\n");
+
+  // A moved file is followed until the default 5000 ms end, then reopened.
+  DiagTest::ScopedTicks ticks(100000);
   CFileLogger logger(dir.File(L"move.log"), L"BANNER\r\n");
   logger.Write(L"one\r\n", npos);
   ASSERT_TRUE(::MoveFileW(dir.File(L"move.log").c_str(), dir.File(L"moved.log").c_str()));
   ticks.Advance(4999);
   logger.Write(L"two\r\n", 5);
-  ticks.Advance(1);  // the default 5000 ms have passed: reopen by name
+  ticks.Advance(1);
   logger.Write(L"three\r\n", npos);
   EXPECT_EQ(DiagTest::ReadUtf16(dir.File(L"moved.log")), L"BANNER\r\none\r\ntwo\r\n");
   EXPECT_EQ(DiagTest::ReadUtf16(dir.File(L"move.log")), L"BANNER\r\nthree\r\n");
@@ -89,10 +88,8 @@ TEST(FileLogger, RefusedWritesAreReportedAndLoggingGoesOn) {
   CFileLogger logger(big, L"");
   DiagTest::WriteText(big, std::string(1048576, 'x'));
   logger.Write(L"x\r\n", npos);
-  logger.Write(L"x\r\n", npos);
+  logger.Write(L"x\r\n", npos);  // refused again, reported once
   EXPECT_EQ(std::filesystem::file_size(big), 1048576u);
-  EXPECT_EQ(debug.Texts(),
-            std::vector<std::wstring>{L"FileLogger: log file '" + big + L"' is too big (size=1MB threshold=1MB)\n"});
   DiagTest::WriteText(big, std::string(1048575, 'x'));
   logger.Write(L"x\r\n", npos);
   EXPECT_EQ(std::filesystem::file_size(big), 1048575u + 6);
@@ -104,21 +101,10 @@ TEST(FileLogger, RefusedWritesAreReportedAndLoggingGoesOn) {
   const ULONGLONG start = ::GetTickCount64();
   second.Write(L"lost\r\n", npos);
   EXPECT_GE(::GetTickCount64() - start, 35u) << "four attempts, each followed by 10 ms";
-  EXPECT_EQ(debug.Texts().size(), 2u);
-  EXPECT_EQ(debug.Texts().back(), L"FileLogger: cannot open log file '" + held + L"' (error: 0x80070020)\n");
+  EXPECT_EQ(debug.Texts(),
+            (std::vector<std::wstring>{L"FileLogger: log file '" + big + L"' is too big (size=1MB threshold=1MB)\n",
+                                       L"FileLogger: cannot open log file '" + held + L"' (error: 0x80070020)\n"}));
   EXPECT_EQ(DiagTest::WaitExitCode(holder), 0u);
   second.Write(L"kept\r\n", npos);
   EXPECT_EQ(DiagTest::ReadUtf16(held), L"kept\r\n");
-}
-
-TEST(FileLogger, PathSettingAndNamesThatArePaths) {
-  DiagTest::TempDir dir;
-  DiagTest::ScopedEnv root(L"WD64_DIAG_ROOT", dir.File(L"new")), path(L"GS_Logger_Path", L"%WD64_DIAG_ROOT%/Logs2");
-  const std::wstring expected = dir.File(L"new\\Logs2\\");
-  EXPECT_EQ(VHLogger::GetLogDirectory(), expected);
-  EXPECT_TRUE(std::filesystem::is_directory(expected)) << "created on the way";
-  EXPECT_EQ(CFileLogger(L"bare.log", L"").FilePath(), expected + L"bare.log");
-  // A name with a separator is used as it stands, "Path" or not.
-  CFileLogger(std::filesystem::path(dir.File(L"direct.log")).generic_wstring(), L"").Write(L"here\r\n", npos);
-  EXPECT_EQ(DiagTest::ReadUtf16(dir.File(L"direct.log")), L"here\r\n");
 }

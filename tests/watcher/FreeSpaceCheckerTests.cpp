@@ -1,5 +1,5 @@
-// The checker's decisions over given samples and tick counts, and the texts
-// the event messages show to administrators.
+// The checker's decisions over given samples and tick counts, the texts the
+// event messages show to administrators, and the sequence library under it.
 
 #include <gtest/gtest.h>
 
@@ -48,40 +48,33 @@ TEST(FreeSpaceChecker, InsertionStringsHaveTheExactListForms) {
   EXPECT_EQ(warning.insertionStrings, (std::vector<std::wstring>{L"\"C:\\W\" (150 MB)", L"300"}));
 }
 
-TEST(FreeSpaceChecker, ReportsByStateAndResendTimeout) {
-  // Free MB (negative: every path failed), tick count, event, stop services.
-  const struct { std::int64_t freeMB; DWORD now; std::uint32_t event; bool bStop; } steps[] = {
-      {200, 100, 0, false},          // the warning bound itself is not below it
-      {100, 200, kWarning, false},   // nor is the stop bound
-      {150, 300, 0, false},          // warning held back
-      {50, 400, kCritical, true},    // warning to critical: at once
-      {1, 5000, 0, true},            // held back, yet services stop every cycle
-      {150, 5399, 0, false},         // critical to warning inside the period
-      {1, 5400, kCritical, true},    // resent after the timeout
-      {150, 10400, kWarning, false}, // critical to warning after the period
-      {250, 10500, 0, false},        // under the recommended minimum only: Normal
-      {150, 10600, kWarning, false}, // so the next fall reports at once
-      {-1, 10700, 0, false},         // no samples is Normal as well
+TEST(FreeSpaceChecker, ReportsByStateAndResendTimeoutAcrossATickWrap) {
+  // Free MB (negative: every path failed), ms since the start (the tick count
+  // wraps 250 ms in, inside the first warning's period), event, stop services.
+  const std::tuple<std::int64_t, DWORD, std::uint32_t, bool> steps[] = {
+      {200, 100, 0, false},           // the warning bound itself is not below it
+      {100, 200, kWarning, false},    // nor is the stop bound
+      {150, 300, 0, false},           // warning held back
+      {50, 400, kCritical, true},     // warning to critical: at once
+      {1, 5000, 0, true},             // held back, yet services stop every cycle
+      {150, 5399, 0, false},          // critical to warning inside the period
+      {1, 5400, kCritical, true},     // resent after the timeout
+      {150, 10400, kWarning, false},  // critical to warning after the period
+      {250, 10500, 0, false},         // under the recommended minimum only: Normal
+      {150, 10600, kWarning, false},  // so the next fall reports at once
+      {-1, 10700, 0, false},          // no samples is Normal as well
       {150, 10800, kWarning, false},
   };
-  auto checker = MakeChecker(5000);
-  for (const auto& step : steps) {
-    const auto decision = checker.Evaluate(step.freeMB < 0 ? Samples({}) : Samples({{L"C:\\", step.freeMB * kMB}}),
-                                           step.now);
-    EXPECT_EQ(decision.eventId, step.event) << step.now;
-    EXPECT_EQ(decision.bStopServices, step.bStop) << step.now;
+  const DWORD start = 0xFFFFFF06u;
+  auto checker = MakeChecker(5000, start);
+  for (const auto& [freeMB, ms, event, stop] : steps) {
+    const auto decision = checker.Evaluate(freeMB < 0 ? Samples({}) : Samples({{L"C:\\", freeMB * kMB}}), start + ms);
+    EXPECT_EQ(decision.eventId, event) << ms;
+    EXPECT_EQ(decision.bStopServices, stop) << ms;
   }
 }
 
-TEST(FreeSpaceChecker, ResendTimeoutRunsAcrossATickWrap) {
-  auto checker = MakeChecker(1000, 0xFFFFFF00u);
-  const auto low = Samples({{L"C:\\", kMB}});
-  EXPECT_EQ(checker.Evaluate(low, 0xFFFFFF00u).eventId, kCritical);
-  EXPECT_EQ(checker.Evaluate(low, 0x2E7).eventId, 0u);
-  EXPECT_EQ(checker.Evaluate(low, 0x2E8).eventId, kCritical);
-
-}
-
+// Also shows that the filter and transform under it read each element once.
 TEST(FreeSpaceChecker, SamplesQueryEachPathOnceAndDropFailures) {
   std::map<std::wstring, int> queries;
   const auto samples = TakeSamples(Names({L"a", L"missing", L"huge", L"a"}), [&](const std::wstring& path) {
@@ -92,4 +85,22 @@ TEST(FreeSpaceChecker, SamplesQueryEachPathOnceAndDropFailures) {
   // Read from the stored samples: no disk is asked again.
   EXPECT_EQ(FormatPathList(samples->GetEnumerator()), L"\"a\" (42 MB), \"huge\" (8796093022207 MB), \"a\" (42 MB)");
   EXPECT_EQ(queries, (std::map<std::wstring, int>{{L"a", 2}, {L"missing", 1}, {L"huge", 1}}));
+}
+
+TEST(Sequencer, EmptyEndsAtOnceLateElementsAreReachedAndStorageOutlivesIt) {
+  auto sequencer = AuditArchive::MakeEnumerableSequencer<std::wstring>();
+  auto empty = sequencer->GetEnumerator();
+  EXPECT_TRUE(empty->IsEnd());
+  EXPECT_EQ(empty->Current(), L"");
+
+  sequencer->Add(L"a");
+  auto open = sequencer->GetEnumerator();
+  open->MoveNext();
+  EXPECT_TRUE(open->IsEnd());
+  sequencer->Add(L"b");
+  ASSERT_FALSE(open->IsEnd());
+  EXPECT_EQ(open->Current(), L"b");
+  auto survivor = sequencer->GetEnumerator();
+  sequencer.reset();
+  EXPECT_EQ(survivor->Current(), L"a");
 }

@@ -1,11 +1,11 @@
 // The watcher component as the host drives it, on real disks, real services
 // in Wine's service manager and the real events file.
 
+#include <gtest/gtest.h>
 #include <windows.h>
 
-#include <gtest/gtest.h>
-
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <mutex>
@@ -26,8 +26,7 @@ namespace {
 
 constexpr wchar_t kCriticalEntry[] = L"EventId: 4302; Type: 'Error'(1)";
 constexpr wchar_t kWarningEntry[] = L"EventId: 4301; Type: 'Warning'(2)";
-// A bound in MB above the free space of any disk.
-constexpr std::int32_t kAboveAnyDisk = 0x7FFF0000;
+constexpr std::int32_t kAboveAnyDisk = 0x7FFF0000;  // MB
 
 void SetInt(NodePtr& node, const wchar_t* name, std::int32_t value) {
   node.SetAttribute(name, VHN_TYPE_INT32, &value, sizeof(value));
@@ -62,17 +61,16 @@ NodePtr Config(std::initializer_list<NodePtr> groups) {
 
 // A folder of its own under the test program's directory (a real disk).
 std::wstring TestFolder(const std::wstring& name) {
-  const std::wstring root = Kestrel::ModuleDirectory() + L"watcher-tests\\";
-  ::CreateDirectoryW(root.c_str(), nullptr);
-  ::CreateDirectoryW((root + name).c_str(), nullptr);
-  return root + name;
+  const std::wstring folder = Kestrel::ModuleDirectory() + L"watcher-tests\\" + name;
+  std::filesystem::create_directories(folder);
+  return folder;
 }
 
 std::wstring Quoted(const std::wstring& path) { return L"\"" + path + L"\""; }
 
-std::size_t CountOf(const std::wstring& text, const std::wstring& part) {
+std::size_t CountOf(const std::wstring& text, const std::wstring& needle) {
   std::size_t count = 0;
-  for (auto at = text.find(part); at != std::wstring::npos; at = text.find(part, at + part.size())) ++count;
+  for (auto at = text.find(needle); at != std::wstring::npos; at = text.find(needle, at + needle.size())) ++count;
   return count;
 }
 
@@ -94,7 +92,6 @@ struct LogCapture final : VHLogger::Detail::ILogWriter {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_sText;
   }
-  std::size_t Count(const std::wstring& part) { return CountOf(Text(), part); }
   std::mutex m_mutex;
   std::wstring m_sText;
 };
@@ -167,12 +164,8 @@ struct TestService {
 TEST(FreeSpaceWatcherConfigure, InvalidSettingsReturnTheirCodeAndLogWhy) {
   EXPECT_EQ(Watcher().Shutdown(), S_OK);  // never configured
 
-  const std::wstring folder = TestFolder(L"configure");
-  const struct {
-    const wchar_t* code;
-    const char* name;
-    void (*edit)(NodePtr& config, NodePtr& group);
-  } cases[] = {
+  // Code, case, and the change to a valid configuration (interval, group).
+  const std::tuple<const wchar_t*, const char*, void (*)(NodePtr&, NodePtr&)> cases[] = {
       {L"0x80070057", "interval 0", [](NodePtr& c, NodePtr&) { SetInt(c, L"ActionsPerformIntervalSec", 0); }},
       {L"0x80070057", "GB and MB", [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceStopServicesLowerBoundGB", 1); }},
       {L"0x80070057", "warning", [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceWarningLowerBoundMB", 10); }},
@@ -181,32 +174,27 @@ TEST(FreeSpaceWatcherConfigure, InvalidSettingsReturnTheirCodeAndLogWhy) {
       {L"0x80070057", "resend < 0", [](NodePtr&, NodePtr& g) { SetInt(g, L"EventResendTimeoutSec", -5); }},
       {L"0x80070057", "GB < 0", [](NodePtr&, NodePtr& g) { g = Group({L"C:\\"}, {}, -1, -2, 1, L"GB"); }},
       {L"0x80070490", "no Paths", [](NodePtr&, NodePtr& g) { g = Group({}, {}, 20, 10, 1, L"MB", L"Paths"); }},
-      {L"0x80070490", "no services",
-       [](NodePtr&, NodePtr& g) { g = Group({}, {}, 20, 10, 1, L"MB", L"ServiceNames"); }},
+      {L"0x80070490", "no names", [](NodePtr&, NodePtr& g) { g = Group({}, {}, 20, 10, 1, L"MB", L"ServiceNames"); }},
       {L"0x8007065D", "text", [](NodePtr&, NodePtr& g) { g.SetAttribute(L"FreeSpaceWarningLowerBoundGB", L"20"); }},
   };
-  for (const auto& testCase : cases) {
-    SCOPED_TRACE(testCase.name);
-    NodePtr config = Config({});
-    NodePtr group = Group({folder}, {}, 20, 10);
-    testCase.edit(config, group);
+  for (const auto& [code, name, edit] : cases) {
+    SCOPED_TRACE(name);
+    NodePtr config = Config({}), group = Group({L"C:\\"}, {}, 20, 10);
+    edit(config, group);
     config.AddChild(group);
     LogCapture log;
     Watcher watcher;
-    EXPECT_EQ(watcher.Configure(config), static_cast<HRESULT>(std::wcstoul(testCase.code, nullptr, 16)));
+    EXPECT_EQ(watcher.Configure(config), static_cast<HRESULT>(std::wcstoul(code, nullptr, 16)));
     const std::wstring line = L"\\| ERR  \\|.*FreeSpaceWatcher:.*Failed to configure Free Space Watcher: ";
-    EXPECT_TRUE(std::regex_search(log.Text(), std::wregex(line + testCase.code))) << log.Text();
+    EXPECT_TRUE(std::regex_search(log.Text(), std::wregex(line + code))) << log.Text();
     EXPECT_EQ(watcher.Shutdown(), S_OK);  // no worker to join
   }
 }
 
 TEST(FreeSpaceWatcherCycle, EventsAndServiceStopsOnRealDisks) {
   const std::wstring critical = TestFolder(L"critical"), quiet = TestFolder(L"warning-quiet"),
-                     repeating = TestFolder(L"warning-repeat");
-  const std::wstring missing = TestFolder(L"") + L"no-such-folder\\below";
-  ULARGE_INTEGER bytes{};
-  ASSERT_TRUE(::GetDiskFreeSpaceExW(critical.c_str(), &bytes, nullptr, nullptr));
-  const auto freeGB = static_cast<std::int32_t>(bytes.QuadPart >> 30);
+                     repeating = TestFolder(L"warning-repeat"), missing = TestFolder(L"") + L"no-such-folder\\below";
+  const auto freeGB = static_cast<std::int32_t>(std::filesystem::space(critical).available >> 30);
   TestService service(L"WD64WatcherCritical");
   LogCapture log;
   const std::size_t eventsBefore = ReadEvents().size();
@@ -214,10 +202,10 @@ TEST(FreeSpaceWatcherCycle, EventsAndServiceStopsOnRealDisks) {
 
   // Critical in GB; warnings held back for an hour or resent every second.
   // The relative path is anchored at the test program's directory.
-  const NodePtr config = Config(
-      {Group({critical}, {L"WD64NoSuchService", service.name}, freeGB + 5, freeGB + 4, 3600, L"GB"),
-       Group({missing, L"watcher-tests\\warning-quiet"}, {L"WD64NotStoppedByWarning"}, kAboveAnyDisk, 1),
-       Group({repeating}, {}, kAboveAnyDisk, 1, /*resendSec=*/1)});
+  const NodePtr config =
+      Config({Group({critical}, {L"WD64NoSuchService", service.name}, freeGB + 5, freeGB + 4, 3600, L"GB"),
+              Group({missing, L"watcher-tests\\warning-quiet"}, {L"WD64NotStoppedByWarning"}, kAboveAnyDisk, 1),
+              Group({repeating}, {}, kAboveAnyDisk, 1, /*resendSec=*/1)});
   Watcher watcher;
   ASSERT_EQ(watcher.Configure(config), S_OK);
   // The service never stops by itself; restarted while the event is held back, it is stopped again.
@@ -225,7 +213,7 @@ TEST(FreeSpaceWatcherCycle, EventsAndServiceStopsOnRealDisks) {
   ASSERT_TRUE(service.Start());
   const std::wstring quietCycle = L"Free space in " + Quoted(quiet);
   EXPECT_TRUE(WaitFor([&] {
-    return service.State() == SERVICE_STOPPED && log.Count(quietCycle) >= 3 && eventsFor(repeating) >= 2;
+    return service.State() == SERVICE_STOPPED && CountOf(log.Text(), quietCycle) >= 3 && eventsFor(repeating) >= 2;
   }));
   EXPECT_EQ(watcher.Shutdown(), S_OK);
   const std::wstring events = ReadEvents(eventsBefore);
@@ -235,23 +223,23 @@ TEST(FreeSpaceWatcherCycle, EventsAndServiceStopsOnRealDisks) {
   EXPECT_EQ(eventsFor(quiet), 1u);
   EXPECT_NE(events.find(L"WD64NoSuchService, " + service.name), std::wstring::npos) << events;
   EXPECT_NE(log.Text().find(L"Failed to stop service \"WD64NoSuchService\": 0x80070424"), std::wstring::npos);
-  EXPECT_EQ(log.Count(L"Stopping service \"WD64NotStoppedByWarning\""), 0u);
+  EXPECT_EQ(CountOf(log.Text(), L"Stopping service \"WD64NotStoppedByWarning\""), 0u);
   EXPECT_EQ(events.find(L"no-such-folder"), std::wstring::npos);
-  EXPECT_GE(log.Count(L"Failed to get free space in " + Quoted(missing) + L": 0x80070003"), 3u);
+  EXPECT_GE(CountOf(log.Text(), L"Failed to get free space in " + Quoted(missing) + L": 0x80070003"), 3u);
 
   // Configured again after Shutdown it stays down; a new watcher with bounds
   // below the free space runs and reports nothing.
-  const std::size_t eventsAfter = ReadEvents().size(), cyclesSoFar = log.Count(quietCycle);
+  const std::size_t eventsAfter = ReadEvents().size(), cyclesSoFar = CountOf(log.Text(), quietCycle);
   EXPECT_EQ(watcher.Configure(config), S_OK);
   Watcher relaxed;
   ASSERT_EQ(relaxed.Configure(Config({Group({quiet}, {}, 2, 1)})), S_OK);
-  EXPECT_TRUE(WaitFor([&] { return log.Count(quietCycle) >= cyclesSoFar + 2; }));
+  EXPECT_TRUE(WaitFor([&] { return CountOf(log.Text(), quietCycle) >= cyclesSoFar + 2; }));
   EXPECT_EQ(relaxed.Shutdown(), S_OK);
   EXPECT_EQ(ReadEvents(eventsAfter), L"");
 }
 
 TEST(FreeSpaceWatcherCycle, ShutdownFinishesTheCurrentStepAndSkipsTheRest) {
-  const std::wstring folder = TestFolder(L"shutdown");
+  const std::wstring folder = TestFolder(L"");
   TestService held(L"WD64WatcherHeld", L"hold-stop");
   TestService untouched(L"WD64WatcherUntouched");
   Handle release(::OpenEventW(EVENT_MODIFY_STATE, FALSE, L"Global\\WD64WatcherHeld-release"));
@@ -265,12 +253,12 @@ TEST(FreeSpaceWatcherCycle, ShutdownFinishesTheCurrentStepAndSkipsTheRest) {
                                       Group({folder}, {untouched.name}, kAboveAnyDisk, kAboveAnyDisk - 1)})),
             S_OK);
   // The first step sits in ControlService until the service is let go.
-  ASSERT_TRUE(WaitFor([&] { return log.Count(L"Entering: Stopping service \"WD64WatcherHeld\"") >= 1; }));
+  ASSERT_TRUE(WaitFor([&] { return CountOf(log.Text(), L"Entering: Stopping service \"WD64WatcherHeld\"") >= 1; }));
   auto shutdown = std::async(std::launch::async, [&] { return watcher.Shutdown(); });
-  ASSERT_TRUE(WaitFor([&] { return log.Count(L"Entering: CFreeSpaceWatcher::Shutdown") >= 1; }));
+  ASSERT_TRUE(WaitFor([&] { return CountOf(log.Text(), L"Entering: CFreeSpaceWatcher::Shutdown") >= 1; }));
   ::SetEvent(release.Get());
   EXPECT_EQ(shutdown.get(), S_OK);
-  EXPECT_EQ(log.Count(L"Exiting: Stopping service \"WD64WatcherHeld\""), 1u);
-  EXPECT_EQ(log.Count(L"Stopping service \"WD64WatcherUntouched\""), 0u);
+  EXPECT_EQ(CountOf(log.Text(), L"Exiting: Stopping service \"WD64WatcherHeld\""), 1u);
+  EXPECT_EQ(CountOf(log.Text(), L"Stopping service \"WD64WatcherUntouched\""), 0u);
   EXPECT_EQ(untouched.State(), static_cast<DWORD>(SERVICE_RUNNING));
 }

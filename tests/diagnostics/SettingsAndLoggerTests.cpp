@@ -1,0 +1,180 @@
+// Settings from the real environment and INI files, error descriptions, and
+// the logger: configuration, writer slots, tracer, and the line and banner to
+// the character (administrators and their tools read the columns).
+
+#include <gtest/gtest.h>
+
+#include <cwchar>
+#include <stdexcept>
+
+#include "DiagnosticsSupport.h"
+#include "ErrorHandling.h"
+#include "logger/detail/DetailedFormatter.h"
+#include "settings/GlobalSettings.h"
+
+using namespace GlobalSettings::Detail;
+
+TEST(GlobalSettings, SourcesNumbersIniCandidatesAndRememberedAbsence) {
+  DiagTest::TempDir dir;
+  // The long value is read whole: the buffer grows from 260.
+  DiagTest::WriteText(dir.File(L"first.ini"), "[General]\r\nX=9\r\n[Diag]\r\nN=100\r\nEmpty=\r\nBoth=first\r\nLong=" +
+                                                  std::string(300, 'v') + "\r\n");
+  const std::wstring hostIni = std::filesystem::path(Kestrel::ExecutableFilePath()).replace_extension(L".ini");
+  DiagTest::WriteText(hostIni, "[Diag]\r\nEmpty=5\r\nBoth=host\r\n");
+  DiagTest::ScopedEnv ini(L"GLOBAL_SETTINGS_INI", dir.File(L"first.ini")), x(L"GS_General_X", L"  7 ");
+  DiagTest::ScopedEnv n(L"GS_Diag_N", L"abc"), empty(L"GS_Diag_EmptyVar", L"");
+
+  std::uint32_t number = 0;
+  EXPECT_EQ(ProviderRegistry::Instance().LookupDWord(nullptr, L"X", number), S_OK);
+  EXPECT_EQ(number, 7u);
+  // The environment's "not a number" does not end the walk.
+  EXPECT_EQ(ProviderRegistry::Instance().LookupDWord(L"Diag", L"N", number), S_OK);
+  EXPECT_EQ(number, 100u);
+  // A defined but empty variable is a value; an empty INI entry is not.
+  const std::pair<const wchar_t*, std::wstring> strings[] = {
+      {L"N", L"abc"}, {L"EmptyVar", L""}, {L"Empty", L"5"}, {L"Both", L"first"}, {L"Long", std::wstring(300, L'v')}};
+  for (const auto& [key, value] : strings) EXPECT_EQ(GlobalSettings::GetStringOrDefault(L"Diag", key, L"-"), value);
+  ::DeleteFileW(hostIni.c_str());
+
+  const std::tuple<const wchar_t*, HRESULT, std::uint32_t> cases[] = {
+      {L"0x10", S_OK, 16}, {L"010", S_OK, 8}, {L"12abc", E_INVALIDARG, 99}, {L"", E_INVALIDARG, 99}};
+  for (const auto& [text, result, expected] : cases) {
+    std::uint32_t value = 99;
+    EXPECT_EQ(ParseDWord(text, value), result) << text;
+    EXPECT_EQ(value, expected) << text;
+  }
+  EXPECT_EQ(
+      CIniFileGSProvider::BuildCandidates(L"C:\\Host\\svc.exe", L"D:\\Mods\\WatchDog64.dll", false),
+      (std::vector<std::wstring>{L"C:\\Host\\svc.ini", L"C:\\Host\\WatchDog64.ini", L"C:\\Host\\GlobalSettings.ini",
+                                 L"D:\\Mods\\WatchDog64.ini", L"D:\\Mods\\GlobalSettings.ini"}));
+
+  DiagTest::ScopedTicks ticks(50000);
+  SettingsSection section(L"DiagCache", 0);  // 0: only Flush forgets
+  EXPECT_FALSE(section.GetDWord(L"Late", number));
+  DiagTest::ScopedEnv late(L"GS_DiagCache_Late", L"0x20");
+  ticks.Advance(1000000);
+  EXPECT_FALSE(section.GetDWord(L"Late", number));
+  section.Flush();
+  EXPECT_TRUE(section.GetDWord(L"Late", number));
+  EXPECT_EQ(number, 32u);
+}
+
+// Run again with a missing "MessageFile" in a second copy of this program.
+TEST(ErrorMessages, FromTheMessageFileOrNone) {
+  if (!GlobalSettings::GetStringOrDefault(L"ErrorHandling", L"MessageFile", L"").empty()) {
+    DiagTest::CaptureWriter capture;
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(Kestrel::DescribeHResult(REGDB_E_CLASSNOTREG), L"<no description>");
+    ASSERT_EQ(capture.Texts().size(), 1u) << "a failed load is tried and logged once";
+    EXPECT_EQ(capture.Texts()[0].find(L"| Cannot load 'CoreErrorMessages.dll': 0x8007"), DiagTest::kMessageColumn - 2);
+    return;
+  }
+  EXPECT_EQ(Kestrel::DescribeHResult(REGDB_E_CLASSNOTREG),
+            L"The requested component class is not registered in the watchdog module; check that the host "
+            L"configuration names a component that this module version provides");
+  EXPECT_EQ(Kestrel::DescribeHResult(static_cast<HRESULT>(0x80040200)), L"<no description>");
+  // Missing by full path, and by a bare name looked for beside the module.
+  for (const wchar_t* file : {L"C:\\no\\NoMessages.dll", L"NoMessages.dll"})
+    EXPECT_EQ(DiagTest::RunSelf(L"ErrorMessages.*", L"GS_ErrorHandling_MessageFile", file), 0u);
+}
+
+TEST(Logger, MaxSeverityWordsAndWhenTheyAreReRead) {
+  const std::pair<std::optional<std::wstring>, unsigned> cases[] = {{L" warn ", 3},  {L"NONE", 0}, {L"dbg3", 7},
+                                                                    {L"VERBOSE", 5}, {L"", 5},     {std::nullopt, 5}};
+  for (const auto& [setting, expected] : cases) {
+    DiagTest::ScopedEnv env(L"GS_Logger_MaxSeverity", setting);
+    EXPECT_EQ(VHLogger::GetLogger().MaxSeverity(), expected);
+  }
+  // Read again only more than 5000 ms later, also across the tick count's wrap.
+  DiagTest::ScopedTicks ticks(0xFFFFFF00u);
+  DiagTest::ScopedEnv warn(L"GS_Logger_MaxSeverity", L"Warn");
+  ::SetEnvironmentVariableW(L"GS_Logger_MaxSeverity", L"INFO");
+  ticks.Advance(5000);
+  EXPECT_FALSE(VHLogger::IsEnabled(VHLogger::SEV_INFO));
+  ticks.Advance(1);
+  EXPECT_TRUE(VHLogger::IsEnabled(VHLogger::SEV_INFO));
+}
+
+TEST(Logger, FourWriterSlotsEachWriterOnce) {
+  DiagTest::DebugCapture debug;
+  // The module's own file logger holds the first slot.
+  DiagTest::CaptureWriter second;
+  ASSERT_TRUE(VHLogger::AddLogWriter(&second));  // again: still one slot
+  DiagTest::CaptureWriter third, fourth, fifth;
+  EXPECT_TRUE(third.installed && fourth.installed && !fifth.installed);
+  EXPECT_EQ(debug.Texts(), std::vector<std::wstring>{L"LogManager: Too many loggers\n"});
+  VHLogger::Write(VHLogger::SEV_ERR, L"to every writer", L"LoggerTests", 1);
+  EXPECT_EQ(second.Texts().size(), 1u);
+  EXPECT_EQ(fourth.Texts().size(), 1u);
+}
+
+namespace {
+struct Unprintable {};
+std::wostream& operator<<(std::wostream&, const Unprintable&) { throw std::runtime_error("cannot print"); }
+
+void Inner(DiagTest::ScopedTicks& ticks, bool fail) {
+  VH_TRACE_SCOPE(L"LoggerTests", std::wstring(L"B"));
+  VH_LOG(VHLogger::SEV_INFO, L"LoggerTests", L"inside " << Unprintable{} << L" never");
+  ticks.Advance(1234);
+  if (fail) throw std::runtime_error("unwinding");
+}
+}  // namespace
+
+TEST(ScopeTracer, NestingTimesAndExceptions) {
+  DiagTest::ScopedTicks ticks(1000);
+  DiagTest::CaptureWriter capture;
+  try {
+    VH_TRACE_SCOPE(L"LoggerTests", std::wstring(L"A"));
+    Inner(ticks, false);
+    Inner(ticks, true);
+  } catch (const std::runtime_error&) {
+  }
+  std::vector<std::wstring> messages;  // indentation and message of each line
+  for (const auto& line : capture.Texts())
+    messages.push_back(line.substr(DiagTest::kMessageColumn, line.size() - DiagTest::kMessageColumn - 2));
+  const std::wstring failed = L"    inside ... (***EXCEPTION***)";
+  EXPECT_EQ(messages, (std::vector<std::wstring>{L"Entering: A", L"  Entering: B", failed, L"  Exiting: B [1234ms]",
+                                                 L"  Entering: B", failed, L"  EXCEPTION at: B [1234ms]",
+                                                 L"EXCEPTION at: A [2468ms]"}));
+}
+
+TEST(LogFormat, LineColumnsAndTheirEdges) {
+  const SYSTEMTIME time = {2024, 3, 2, 5, 14, 7, 9, 42};
+  // Severity, source, number, depth, process and thread id; where `expected`
+  // starts in the line (0: the whole line) and `expected`. Only "\" separates
+  // directories; a long number widens the source column instead of being cut.
+  const std::tuple<unsigned, const wchar_t*, unsigned, int, DWORD, DWORD, std::size_t, std::wstring> cases[] = {
+      {2, L"Worker", 77, 2, 70000, 1234, 0,
+       L"2024-03-05 14:07:09.042 | ERR  | 4464  1234 | Worker:77                      |     m\r\n"},
+      {4, L"C:\\src\\common\\Worker.cpp", 77, 0, 1, 1, 46, L"Worker.cpp:77                  | m"},
+      {4, L"src/common/logger/VeryLongName.cpp", 77, 0, 1, 1, 46, L"src/common/logger/VeryLong:77  | m"},
+      {4, L"ABCDEFGHIJKLMNOPQRSTUVWXYZ", 123456, 0, 1, 1, 46, L"ABCDEFGHIJKLMNOPQRSTUVWXYZ:123456| m"},
+      {4, nullptr, 1, 0, 1, 1, 46, L":1                             | m"},
+      {4, L"W", 1, -3, 1, 1, 77, L"| m\r\n"},
+      {4, L"W", 1, 31, 1, 1, 77, L"| " + std::wstring(60, L' ') + L"m\r\n"},
+      {8, L"W", 1, 0, 1, 1, 23, L" |      | "},
+  };
+  for (const auto& [severity, source, number, depth, pid, tid, at, expected] : cases) {
+    std::wstring line;
+    VHLogger::Detail::DetailedFormatter::FormatLine(line, severity, source, number, L"m", depth, time, pid, tid);
+    EXPECT_EQ(at ? line.substr(at, expected.size()) : line, expected) << number << " " << depth;
+  }
+}
+
+TEST(LogFormat, ModuleLogStartsWithBanner) {
+  const std::wstring exe = Kestrel::ExecutableFilePath(), stars(100, L'*'), banner = VHLogger::ModuleBanner();
+  wchar_t head[512];
+  std::swprintf(head, 512,
+                L"*** Module: %ls (Base: 0x%016llX)\r\n*** Version: 7.0.127.0\r\n"
+                L"*** Module description: WatchDog64\r\n*** Process: %ls (Pid: %u)\r\n*** Command line: ",
+                exe.c_str(), static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(Kestrel::ThisModule())),
+                exe.c_str(), static_cast<unsigned>(::GetCurrentProcessId()));
+  EXPECT_EQ(banner, stars + L"\r\n" + head + ::GetCommandLineW() + L"\r\n" + stars + L"\r\n");
+
+  // The module's own log, "<module dir>\Logs\<base name>.log": banner, then lines.
+  EXPECT_EQ(VHLogger::GetLogDirectory(), Kestrel::ModuleDirectory() + L"Logs\\");
+  const std::wstring marker = L"module log marker " + std::to_wstring(::GetTickCount64());
+  VH_LOG(VHLogger::SEV_ERR, L"LogFormatTests", marker.c_str());
+  const std::wstring text = DiagTest::ReadUtf16(VHLogger::GetLogDirectory() + Kestrel::BaseNameOf(exe) + L".log");
+  EXPECT_NE(text.find(L"| " + marker + L"\r\n", text.find(banner)), std::wstring::npos);
+  EXPECT_NE(text[0], L'\xFEFF') << "no byte-order mark";
+}
