@@ -8,6 +8,8 @@
 
 #include "ErrorHandling.h"
 #include "FreeSpaceChecker.h"
+#include "ModulePath.h"
+#include "subsystems/auditarchive/common/storage_path_toolset.h"
 
 using namespace Kestrel::Detail;
 
@@ -103,4 +105,15 @@ TEST(Sequencer, EmptyEndsAtOnceLateElementsAreReachedAndStorageOutlivesIt) {
   auto survivor = sequencer->GetEnumerator();
   sequencer.reset();
   EXPECT_EQ(survivor->Current(), L"a");
+}
+
+TEST(StoragePath, ExpandsPastTheFirstBufferAndAnchorsRelativePaths) {
+  const std::wstring longValue = L"C:\\" + std::wstring(300, L'd');
+  ::SetEnvironmentVariableW(L"WD64_TEST_LONG", longValue.c_str());
+  EXPECT_EQ(AuditArchive::PreproceedStoragePath(L"%WD64_TEST_LONG%\\x"), longValue + L"\\x");
+  // Relative and unset references are joined to the module's folder as written.
+  EXPECT_EQ(AuditArchive::PreproceedStoragePath(L"%WD64_TEST_UNSET%\\data"),
+            Kestrel::ModuleDirectory() + L"%WD64_TEST_UNSET%\\data");
+  EXPECT_EQ(AuditArchive::PreproceedStoragePath(L""), Kestrel::ModuleDirectory());
+  ::SetEnvironmentVariableW(L"WD64_TEST_LONG", nullptr);
 }
