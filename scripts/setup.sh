@@ -9,8 +9,9 @@ packages=(
   libz-mingw-w64-dev
   wine64
   googletest
-  nlohmann-json3-dev
-  python3 unzip
+  nlohmann-json3-dev libcli11-dev
+  wixl msitools
+  python3 python3-prometheus-client unzip
   dpkg-dev
 )
 
