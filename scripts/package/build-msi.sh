@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Builds the MSI package from a staged package folder.
+# Usage: build-msi.sh STAGE_DIR VERSION OUTPUT.msi
+# STAGE_DIR holds what the zip ships (binaries, message DLLs, sample
+# configuration, INSTALL.txt, THIRD-PARTY-NOTICES.txt); the default service
+# configuration comes from this folder.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+stage=$(realpath "$1")
+version=$2
+output=$(realpath -m "$3")
+if ! [[ $version =~ ^[0-9]+\.[0-9]+\.[0-9]+\.[0-9]+$ ]]; then
+  echo "build-msi: version must be a.b.c.d, not '$version'" >&2
+  exit 2
+fi
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cp "$stage"/* "$work/"
+cp "$here/watchdog64.default.jsonc" "$work/"
+# wixl looks source files up from the current folder.
+(cd "$work" && wixl -a x64 -D Version="$version" -o "$work/package.msi" "$here/WatchDog64.wxs") 2> "$work/wixl.log" ||
+  { cat "$work/wixl.log" >&2; exit 1; }
+
+# What wixl cannot express is set in the tables afterwards:
+queries=(
+  # Property-setting actions run at once (wixl marks them deferred) and where
+  # they belong: the remembered values right after AppSearch, before the
+  # defaults; the default configuration path once directories are resolved.
+  "UPDATE CustomAction SET Type = 51"
+  "UPDATE InstallExecuteSequence SET Sequence = 51 WHERE Action = 'RecallConfig'"
+  "UPDATE InstallExecuteSequence SET Sequence = 52 WHERE Action = 'RecallEventSource'"
+  "UPDATE InstallExecuteSequence SET Sequence = 53 WHERE Action = 'RecallEventLog'"
+  "UPDATE InstallExecuteSequence SET Sequence = 54 WHERE Action = 'RecallMetricsFile'"
+  "UPDATE InstallExecuteSequence SET Sequence = 55 WHERE Action = 'DefaultEventSource'"
+  "UPDATE InstallExecuteSequence SET Sequence = 56 WHERE Action = 'DefaultEventLog'"
+  "UPDATE InstallExecuteSequence SET Sequence = 1001 WHERE Action = 'DefaultConfig'"
+  "UPDATE InstallExecuteSequence SET Sequence = 1002 WHERE Action = 'MetricsArguments'"
+  # Message file paths as REG_EXPAND_SZ, as the host's own registration writes them.
+  "UPDATE Registry SET Value = '#%[#wd64host.exe]' WHERE Value = '[#wd64host.exe]'"
+  "UPDATE Registry SET Value = '#%[#CoreEventMessages.dll]' WHERE Value = '[#CoreEventMessages.dll]'"
+  # (Key is a reserved word of the query language, hence the quotes.)
+  # Each event source key goes as a whole on uninstall ('-'), and only that
+  # key: other sources in the same log keep theirs.
+  "INSERT INTO \`Registry\` (\`Registry\`, \`Root\`, \`Key\`, \`Name\`, \`Component_\`) VALUES ('HostSourceKey', 2, 'SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\WatchDog64', '-', 'Host')"
+  "INSERT INTO \`Registry\` (\`Registry\`, \`Root\`, \`Key\`, \`Name\`, \`Component_\`) VALUES ('ModuleSourceKey', 2, 'SYSTEM\\CurrentControlSet\\Services\\EventLog\\[EVENTLOG]\\[EVENTSOURCE]', '-', 'EventMessages')"
+  "INSERT INTO \`Registry\` (\`Registry\`, \`Root\`, \`Key\`, \`Name\`, \`Component_\`) VALUES ('SettingsKey', 2, 'SOFTWARE\\WatchDog64', '-', 'Settings')"
+  # The installed configuration is the administrator's from then on:
+  # permanent (16) and never overwritten (128), on top of 64-bit (256).
+  "UPDATE Component SET Attributes = 400 WHERE Component = 'DefaultConfiguration'"
+)
+# Binaries carry the product version, so Windows Installer's file version
+# rules apply to them rather than hashes.
+for file in wd64host.exe WatchDog64.dll DataLayer.dll CoreErrorMessages.dll CoreEventMessages.dll; do
+  queries+=("UPDATE File SET Version = '$version', Language = '1033' WHERE File = '$file'")
+  queries+=("DELETE FROM MsiFileHash WHERE File_ = '$file'")
+done
+args=()
+for query in "${queries[@]}"; do args+=(-q "$query"); done
+msibuild "$work/package.msi" "${args[@]}"
+mkdir -p "$(dirname "$output")"
+mv "$work/package.msi" "$output"
