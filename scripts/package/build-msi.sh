@@ -28,12 +28,13 @@ queries=(
   # they belong: the remembered values right after AppSearch, before the
   # defaults; the default configuration path once directories are resolved.
   "UPDATE CustomAction SET Type = 51"
-  "UPDATE InstallExecuteSequence SET Sequence = 51 WHERE Action = 'RecallConfig'"
-  "UPDATE InstallExecuteSequence SET Sequence = 52 WHERE Action = 'RecallEventSource'"
-  "UPDATE InstallExecuteSequence SET Sequence = 53 WHERE Action = 'RecallEventLog'"
-  "UPDATE InstallExecuteSequence SET Sequence = 54 WHERE Action = 'RecallMetricsFile'"
-  "UPDATE InstallExecuteSequence SET Sequence = 55 WHERE Action = 'DefaultEventSource'"
-  "UPDATE InstallExecuteSequence SET Sequence = 56 WHERE Action = 'DefaultEventLog'"
+  "UPDATE InstallExecuteSequence SET Sequence = 51 WHERE Action = 'RecallInstallDir'"
+  "UPDATE InstallExecuteSequence SET Sequence = 52 WHERE Action = 'RecallConfig'"
+  "UPDATE InstallExecuteSequence SET Sequence = 53 WHERE Action = 'RecallEventSource'"
+  "UPDATE InstallExecuteSequence SET Sequence = 54 WHERE Action = 'RecallEventLog'"
+  "UPDATE InstallExecuteSequence SET Sequence = 55 WHERE Action = 'RecallMetricsFile'"
+  "UPDATE InstallExecuteSequence SET Sequence = 56 WHERE Action = 'DefaultEventSource'"
+  "UPDATE InstallExecuteSequence SET Sequence = 57 WHERE Action = 'DefaultEventLog'"
   "UPDATE InstallExecuteSequence SET Sequence = 1001 WHERE Action = 'DefaultConfig'"
   "UPDATE InstallExecuteSequence SET Sequence = 1002 WHERE Action = 'MetricsArguments'"
   # Message file paths as REG_EXPAND_SZ, as the host's own registration writes them.
