@@ -340,6 +340,9 @@ def main():
     check_installed(default_dir, default_config, "Vigil Hub", "Kestrel Overwatch", version)
     check(config_file.read_text(encoding="utf-8") == edited, "the edited configuration survived the upgrade")
     check(all(p.exists() for p in planted), "logs and archives survived the upgrade")
+    check(msiexec("/i", windows_path(old_msi), "/qn") != 0, f"{older} refused over {version}")
+    check(set(products().values()) == {version} and wait_service_settled() == "RUNNING",
+          f"{version} still installed and running after the refused downgrade")
 
     # 3. Uninstall with another source in the same log and a held file.
     print("== uninstall with a neighbour source and a held file", flush=True)
