@@ -5,7 +5,8 @@ drives it with msiexec in a fresh Wine prefix of its own:
   1. release checks: every shipped binary stripped and carrying the product
      version; the notices name the four libraries with their licences;
   2. default install of the lower version, then an upgrade in place that
-     keeps the administrator's edited configuration and the logs;
+     keeps the administrator's edited configuration and the logs, and a
+     downgrade refused;
   3. uninstall with a second event source in the same log and a file held
      open by another process: service, keys and files go, logs, archives,
      the other source and the configuration stay;
@@ -73,13 +74,29 @@ def linux_path(path):
     return DRIVE_C / path[3:].replace("\\", "/")
 
 
+msi_logs = []
+
+
 def msiexec(*args):
+    """msiexec's exit code; its verbose log is kept in the work folder and
+    the lines around an error are printed."""
     forget_registry()
-    rc, _ = wine("msiexec", *args, check_rc=False)
+    log = WORK / f"msiexec-{len(msi_logs) + 1}.log"
+    msi_logs.append(log)
+    rc, _ = wine("msiexec", *args, "/l*v", windows_path(log), check_rc=False)
+    if rc not in (0, 3010) and log.exists():
+        print(f"msiexec {args[0]} exited with {rc}; failed actions in {log.name}:")
+        for action in failed_actions(log):
+            print(f"    {action}")
     return rc
 
 
 in_use_leftovers = []
+
+
+def failed_actions(log):
+    text = log.read_bytes().decode("utf-8", "replace")
+    return re.findall(r"Action ended [0-9:]+: (\w+)\. Return value [03]", text)
 
 
 def host_process_alive():
@@ -265,10 +282,10 @@ def check_removed(install_dir, source, log, kept):
     folder = linux_path(install_dir)
     left = [n for n in SHIPPED + DOCUMENTS if (folder / n).exists()]
     if left and set(left) <= {"wd64host.exe", "WatchDog64.dll", "DataLayer.dll"}:
-        # The service reports itself stopped just before its process exits.
-        # When the installer reaches the files inside that moment, Windows
-        # schedules them for removal at the next restart (exit code 3010);
-        # Wine's installer leaves them. They are counted, not hidden.
+        # Wine's installer goes on to remove the files while the stopped
+        # service's process is still ending and leaves what it maps; Windows
+        # waits for the stop as the package asks (and schedules anything
+        # still in use for the next restart). Counted, not hidden.
         in_use_leftovers.append(left)
         print(f"note: left in use by the exiting service process: {left}; removed here as a restart would")
         for _ in range(60):
@@ -410,6 +427,13 @@ def main():
     os.killpg(victim.pid, signal.SIGKILL)
     victim.wait()
     rc = msiexec("/i", windows_path(new_msi), "/qn")
+    if rc != 0 and failed_actions(msi_logs[-1]) == ["StartServices"]:
+        # The killed install had started the service; Wine's installer
+        # sends the stop without waiting for it (Windows waits, as the
+        # package asks), so the start that follows finds it still running.
+        print("note: the service the killed install started was still stopping; installing once more")
+        wait_service_settled()
+        rc = msiexec("/i", windows_path(new_msi), "/qn")
     check(rc == 0, f"install after the killed one: {rc}")
     check_installed(default_dir, default_config, "Vigil Hub", "Kestrel Overwatch", version)
     check(msiexec("/x", windows_path(new_msi), "/qn") == 0, "uninstall after the killed install")
