@@ -46,6 +46,9 @@ queries=(
   "INSERT INTO \`Registry\` (\`Registry\`, \`Root\`, \`Key\`, \`Name\`, \`Component_\`) VALUES ('HostSourceKey', 2, 'SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\WatchDog64', '-', 'Host')"
   "INSERT INTO \`Registry\` (\`Registry\`, \`Root\`, \`Key\`, \`Name\`, \`Component_\`) VALUES ('ModuleSourceKey', 2, 'SYSTEM\\CurrentControlSet\\Services\\EventLog\\[EVENTLOG]\\[EVENTSOURCE]', '-', 'EventMessages')"
   "INSERT INTO \`Registry\` (\`Registry\`, \`Root\`, \`Key\`, \`Name\`, \`Component_\`) VALUES ('SettingsKey', 2, 'SOFTWARE\\WatchDog64', '-', 'Settings')"
+  # The administrator's properties reach the elevated part of a managed
+  # install (Group Policy, SCCM) only when listed as secure.
+  "UPDATE Property SET Value = 'WIX_DOWNGRADE_DETECTED;WIX_UPGRADE_DETECTED;INSTALLDIR;CONFIG;EVENTSOURCE;EVENTLOG;METRICSFILE' WHERE Property = 'SecureCustomProperties'"
   # The installed configuration is the administrator's from then on:
   # permanent (16) and never overwritten (128), on top of 64-bit (256).
   "UPDATE Component SET Attributes = 400 WHERE Component = 'DefaultConfiguration'"
