@@ -383,8 +383,10 @@ def main():
 
     # 4. Names the ANSI code page cannot hold.
     print("== install under names outside the code page", flush=True)
-    _, help_text = wine(windows_path(BUILD / "bin/wd64host.exe"), "--help", check_rc=False)
-    metrics = "--metrics-file" in help_text
+    # The service takes --metrics-file only from a host that knows it.
+    host = windows_path(BUILD / "bin/wd64host.exe")
+    metrics = any("--metrics-file" in wine(host, *words, "--help", check_rc=False)[1]
+                  for words in ((), ("run",), ("service", "run")))
     install_dir = "C:\\Program Files\\WatchDog64 ā日本\\"
     config = "C:\\ProgramData\\WD64 ā\\wd64 日本.jsonc"
     metrics_file = "C:\\ProgramData\\WD64 ā\\textfile\\wd64.prom"
