@@ -13,7 +13,8 @@ drives it with msiexec in a fresh Wine prefix of its own:
   4. install into folders and under event-source names the ANSI code page
      cannot hold, uninstall with an installed file that vanished first;
   5. msiexec killed at a random moment of an install, then install and
-     uninstall again: nothing left behind.
+     uninstall again: nothing left behind;
+  6. two installs at once: one product, one running service.
 
 Usage: msi_test.py SOURCE_DIR BUILD_DIR
 """
@@ -383,10 +384,10 @@ def main():
 
     # 4. Names the ANSI code page cannot hold.
     print("== install under names outside the code page", flush=True)
-    # The service takes --metrics-file only from a host that knows it.
-    host = windows_path(BUILD / "bin/wd64host.exe")
-    metrics = any("--metrics-file" in wine(host, *words, "--help", check_rc=False)[1]
-                  for words in ((), ("run",), ("service", "run")))
+    # The service takes --metrics-file only from a host that knows the
+    # option; the program's own text says so without running it.
+    program = (BUILD / "bin/wd64host.exe").read_bytes()
+    metrics = any(option in program for option in (b"metrics-file", "metrics-file".encode("utf-16-le")))
     install_dir = "C:\\Program Files\\WatchDog64 ā日本\\"
     config = "C:\\ProgramData\\WD64 ā\\wd64 日本.jsonc"
     metrics_file = "C:\\ProgramData\\WD64 ā\\textfile\\wd64.prom"
@@ -439,6 +440,18 @@ def main():
     check(rc == 0, f"install after the killed one: {rc}")
     check_installed(default_dir, default_config, "Vigil Hub", "Kestrel Overwatch", version)
     check(msiexec("/x", windows_path(new_msi), "/qn") == 0, "uninstall after the killed install")
+    check_removed(default_dir, "Vigil Hub", "Kestrel Overwatch", [config_file])
+
+    # 6. Two installs at once: one wins, the other waits or is turned away.
+    print("== two installs at once", flush=True)
+    forget_registry()
+    pair = [subprocess.Popen([str(SOURCE / "scripts/wine-run.sh"), str(PREFIX), "msiexec", "/i",
+                              windows_path(new_msi), "/qn"], env=ENV) for _ in range(2)]
+    codes = [p.wait(timeout=300) for p in pair]
+    check(0 in codes, f"one of two concurrent installs succeeded: {codes}")
+    check(len(products()) == 1, f"one product registered: {products()}")
+    check_installed(default_dir, default_config, "Vigil Hub", "Kestrel Overwatch", version)
+    check(msiexec("/x", windows_path(new_msi), "/qn") == 0, "uninstall after the concurrent installs")
     check_removed(default_dir, "Vigil Hub", "Kestrel Overwatch", [config_file])
 
     stop_wine()
