@@ -284,9 +284,10 @@ def check_removed(install_dir, source, log, kept):
     left = [n for n in SHIPPED + DOCUMENTS if (folder / n).exists()]
     if left and set(left) <= {"wd64host.exe", "WatchDog64.dll", "DataLayer.dll"}:
         # Wine's installer goes on to remove the files while the stopped
-        # service's process is still ending and leaves what it maps; Windows
-        # waits for the stop as the package asks (and schedules anything
-        # still in use for the next restart). Counted, not hidden.
+        # service's process is still ending and leaves what it maps; the
+        # package asks Windows Installer to wait for the stop, and Windows
+        # removes anything still in use at the next restart. Counted, not
+        # hidden.
         in_use_leftovers.append(left)
         print(f"note: left in use by the exiting service process: {left}; removed here as a restart would")
         for _ in range(60):
@@ -432,8 +433,8 @@ def main():
     rc = msiexec("/i", windows_path(new_msi), "/qn")
     if rc != 0 and failed_actions(msi_logs[-1]) == ["StartServices"]:
         # The killed install had started the service; Wine's installer
-        # sends the stop without waiting for it (Windows waits, as the
-        # package asks), so the start that follows finds it still running.
+        # went on before that service had stopped (the package asks for a
+        # wait), so the start that follows found it still running.
         print("note: the service the killed install started was still stopping; installing once more")
         wait_service_settled()
         rc = msiexec("/i", windows_path(new_msi), "/qn")
