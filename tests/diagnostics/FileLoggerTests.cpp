@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -157,5 +158,63 @@ TEST(FileLogger, FilesMovedAwayUnderWritersLoseNoLine) {
   EXPECT_EQ(banners, files);
   EXPECT_EQ(bannerFirst, files);
   EXPECT_EQ(expected.size() - std::min(expected.size(), found.size()), 0u) << "lines lost";
+  EXPECT_TRUE(found == expected) << "lost, torn, mixed or repeated lines among " << found.size();
+}
+
+// A second process writing the same file is killed at a random moment while
+// this one writes too: this process loses no line, and what the killed one
+// wrote is whole lines, in order, without a gap.
+TEST(FileLogger, AWriterKilledMidWayTearsNothing) {
+  constexpr unsigned kKilledWriter = 99;
+  wchar_t shared[MAX_PATH] = L"";
+  if (::GetEnvironmentVariableW(L"WD64_DIAG_KILLED_FILE", shared, MAX_PATH)) {
+    CFileLogger logger(shared, L"=== banner ===\r\n");
+    for (unsigned i = 0;; ++i)
+      VHLogger::GetLogger().Write(VHLogger::SEV_INFO, Numbered(kKilledWriter, i), L"Concurrency", 1, &logger);
+  }
+  DiagTest::TempDir dir;
+  const std::wstring path = dir.File(L"killed.log");
+  HANDLE child = nullptr;
+  {
+    DiagTest::ScopedEnv env(L"WD64_DIAG_KILLED_FILE", path);
+    child = DiagTest::Start(Kestrel::BaseNameOf(Kestrel::ExecutableFilePath()) + L".exe",
+                            L"--gtest_brief=1 --gtest_filter=FileLogger.AWriterKilled*");
+  }
+  ASSERT_NE(child, nullptr);
+  const std::wstring firstKilledLine = Numbered(kKilledWriter, 0) + L"\r\n";
+  for (int i = 0; i < 1000 && DiagTest::ReadUtf16(path).find(firstKilledLine) == std::wstring::npos; ++i) ::Sleep(10);
+
+  CFileLogger logger(path, L"=== banner ===\r\n");
+  std::vector<std::thread> threads;
+  for (unsigned writer = 0; writer < kThreads; ++writer)
+    threads.emplace_back([&, writer] { LogNumbered(logger, writer); });
+  std::random_device random;
+  ::Sleep(random() % 300);
+  ::TerminateProcess(child, 9);
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(DiagTest::WaitExitCode(child), 9u);
+
+  std::multiset<std::wstring> expected, found;
+  for (unsigned writer = 0; writer < kThreads; ++writer)
+    for (unsigned i = 0; i < kPerWriter; ++i) expected.insert(Numbered(writer, i) + L"\r");
+  unsigned killedLines = 0, banners = 0, torn = 0;
+  std::wistringstream text(DiagTest::ReadUtf16(path));
+  for (std::wstring line; std::getline(text, line);) {
+    if (line == L"=== banner ===\r") {
+      ++banners;
+      continue;
+    }
+    const std::wstring message = line.size() > DiagTest::kMessageColumn ? line.substr(DiagTest::kMessageColumn) : line;
+    if (message.rfind(std::to_wstring(kKilledWriter) + L" ", 0) != 0) {
+      found.insert(message);
+    } else if (message == Numbered(kKilledWriter, killedLines) + L"\r") {
+      ++killedLines;
+    } else {
+      ++torn;
+    }
+  }
+  EXPECT_EQ(banners, 2u);
+  EXPECT_GT(killedLines, 0u);
+  EXPECT_EQ(torn, 0u);
   EXPECT_TRUE(found == expected) << "lost, torn, mixed or repeated lines among " << found.size();
 }

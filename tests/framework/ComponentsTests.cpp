@@ -187,6 +187,7 @@ TEST(HostSurvives, ASecondConfigureOnARunningWatcherFailsAndKeepsItRunning) {
   // A shut-down watcher takes a configuration again, idle as before.
   EXPECT_TRUE(Has(child.output, "after shutdown 0x00000000\nand again 0x00000000\n")) << child.output;
   EXPECT_TRUE(Has(child.output, "concurrent successes 1\n")) << child.output;
+  EXPECT_TRUE(Has(child.output, "raced rounds unexpected 0\n")) << child.output;
   EXPECT_TRUE(Has(child.output, "locked after release 0\n")) << child.output;
 }
 

@@ -198,6 +198,25 @@ int HostReconfigure(const Arguments&) {
   });
   std::wprintf(L"concurrent successes %d\n", succeeded.load());
   contested->Release();  // without Shutdown: the release stops its worker
+
+  // Configure and Shutdown racing on fresh watchers, each released at once.
+  int unexpected = 0;
+  for (int round = 0; round < 20; ++round) {
+    auto* raced = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher);
+    IVHShutdownable* stopper = nullptr;
+    if (raced == nullptr ||
+        raced->QueryInterface(&IVHShutdownable::IID, reinterpret_cast<void**>(&stopper)) != S_OK)
+      return 1;
+    std::atomic<int> bad{0};
+    AtOnce(6, [&](int index) {
+      const HRESULT hr = index % 2 == 0 ? raced->Configure(config) : stopper->Shutdown();
+      if (hr != S_OK && hr != HRESULT_FROM_WIN32(ERROR_INVALID_STATE)) ++bad;
+    });
+    unexpected += bad.load();
+    stopper->Release();
+    raced->Release();
+  }
+  std::wprintf(L"raced rounds unexpected %d\n", unexpected);
   host.vhn.closeNode(config);
   std::wprintf(L"locked after release %d\n", host.IsLocked());
   std::fflush(stdout);

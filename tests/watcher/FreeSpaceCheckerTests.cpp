@@ -121,11 +121,11 @@ TEST(FreeSpaceChecker, AnUnreadablePathIsAWarningOnceAndItsRecoveryNews) {
   std::set<std::wstring> unreadable;
   bool bMissing = true;
   auto query = [&](const std::wstring& path) -> std::uint64_t {
-    if (path == L"X:\\gone" && bMissing) Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
+    if (path == L"X:\\gone-\u65E5\u672C" && bMissing) Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
     return 500 * kMB;
   };
   WatcherLines log;
-  const PathList paths = Names({L"X:\\gone", L"C:\\ok"});
+  const PathList paths = Names({L"X:\\gone-\u65E5\u672C", L"C:\\ok"});
   for (int cycle = 0; cycle < 3; ++cycle) TakeSamples(paths, query, unreadable);
   bMissing = false;
   TakeSamples(paths, query, unreadable);
@@ -133,10 +133,10 @@ TEST(FreeSpaceChecker, AnUnreadablePathIsAWarningOnceAndItsRecoveryNews) {
   bMissing = true;
   TakeSamples(paths, query, unreadable);
 
-  const std::wstring failed = L"Failed to get free space in \"X:\\gone\": 0x80070003 ";
+  const std::wstring failed = L"Failed to get free space in \"X:\\gone-\u65E5\u672C\": 0x80070003 ";
   std::vector<std::wstring> tags;
   for (const std::wstring& line : log.lines) {
-    if (line.find(L"X:\\gone") == std::wstring::npos) continue;
+    if (line.find(L"X:\\gone-\u65E5\u672C") == std::wstring::npos) continue;
     tags.push_back(line.substr(0, 4));
     if (line[0] == L'W') {
       EXPECT_EQ(line.find(L"WARN|" + failed), 0u) << line;
@@ -145,7 +145,7 @@ TEST(FreeSpaceChecker, AnUnreadablePathIsAWarningOnceAndItsRecoveryNews) {
   // WARN on the first failing cycle, DBG while it goes on, INFO when it can be
   // read again, and WARN once more when it fails anew.
   EXPECT_EQ(tags, (std::vector<std::wstring>{L"WARN", L"DBG ", L"DBG ", L"INFO", L"WARN"}));
-  EXPECT_EQ(unreadable, (std::set<std::wstring>{L"X:\\gone"}));
+  EXPECT_EQ(unreadable, (std::set<std::wstring>{L"X:\\gone-\u65E5\u672C"}));
 }
 
 // Also shows that the filter and transform under it read each element once.
