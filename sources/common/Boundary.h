@@ -4,6 +4,7 @@
 // the HRESULT. Only HRX is caught; anything else passes to the host.
 
 #include <windows.h>
+// After windows.h, which it needs.
 #include <oleauto.h>
 
 #include <string>

@@ -12,7 +12,6 @@
 #include <windows.h>
 // After windows.h, which it needs.
 #include <shellapi.h>
-
 #include <tlhelp32.h>
 
 #include <atomic>
@@ -99,8 +98,8 @@ struct HostModule {
     const auto getModule = reinterpret_cast<WatchDog64::GetComponentsModuleObjectFn>(
         reinterpret_cast<void*>(::GetProcAddress(hModule, WatchDog64::kGetComponentsModuleObjectName)));
     void* object = nullptr;
-    if (getModule == nullptr || getModule(&object) != S_OK || !vhn.createNode || !vhn.setAttribute ||
-        !vhn.addChild || !vhn.closeNode)
+    if (getModule == nullptr || getModule(&object) != S_OK || !vhn.createNode || !vhn.setAttribute || !vhn.addChild ||
+        !vhn.closeNode)
       return false;
     pModule = static_cast<IComponentsModule*>(object);
     return true;
@@ -204,8 +203,7 @@ int HostReconfigure(const Arguments&) {
   for (int round = 0; round < 20; ++round) {
     auto* raced = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher);
     IVHShutdownable* stopper = nullptr;
-    if (raced == nullptr ||
-        raced->QueryInterface(&IVHShutdownable::IID, reinterpret_cast<void**>(&stopper)) != S_OK)
+    if (raced == nullptr || raced->QueryInterface(&IVHShutdownable::IID, reinterpret_cast<void**>(&stopper)) != S_OK)
       return 1;
     std::atomic<int> bad{0};
     AtOnce(6, [&](int index) {

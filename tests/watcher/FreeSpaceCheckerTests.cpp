@@ -152,11 +152,14 @@ TEST(FreeSpaceChecker, AnUnreadablePathIsAWarningOnceAndItsRecoveryNews) {
 TEST(FreeSpaceChecker, SamplesQueryEachPathOnceAndDropFailures) {
   std::map<std::wstring, int> queries;
   std::set<std::wstring> unreadable;
-  const auto samples = TakeSamples(Names({L"a", L"missing", L"huge", L"a"}), [&](const std::wstring& path) {
-    ++queries[path];
-    if (path == L"missing") Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
-    return path == L"huge" ? std::numeric_limits<std::uint64_t>::max() : std::uint64_t{42 * kMB};
-  }, unreadable);
+  const auto samples = TakeSamples(
+      Names({L"a", L"missing", L"huge", L"a"}),
+      [&](const std::wstring& path) {
+        ++queries[path];
+        if (path == L"missing") Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
+        return path == L"huge" ? std::numeric_limits<std::uint64_t>::max() : std::uint64_t{42 * kMB};
+      },
+      unreadable);
   // Read from the stored samples: no disk is asked again.
   EXPECT_EQ(FormatPathList(samples->GetEnumerator()), L"\"a\" (42 MB), \"huge\" (8796093022207 MB), \"a\" (42 MB)");
   EXPECT_EQ(queries, (std::map<std::wstring, int>{{L"a", 2}, {L"missing", 1}, {L"huge", 1}}));

@@ -197,8 +197,8 @@ TEST(FreeSpaceWatcherConfigure, ASecondConfigureWhileRunningFailsAndTheWorkerGoe
   Watcher watcher;
   ASSERT_EQ(watcher.Configure(Config({Group({folder}, {}, 2, 1)})), S_OK);
   EXPECT_EQ(watcher.Configure(Config({})), static_cast<HRESULT>(0x8007139F));
-  EXPECT_TRUE(std::regex_search(
-      log.Text(), std::wregex(L"\\| ERR  \\|.*Failed to configure Free Space Watcher: 0x8007139F ")));
+  EXPECT_TRUE(
+      std::regex_search(log.Text(), std::wregex(L"\\| ERR  \\|.*Failed to configure Free Space Watcher: 0x8007139F ")));
   // The first configuration's group is still checked.
   const std::wstring cycle = L"Free space in " + Quoted(folder);
   EXPECT_TRUE(WaitFor([&] { return CountOf(log.Text(), cycle) >= 2; }));

@@ -48,8 +48,8 @@ void CModuleThread::Start(std::function<void()> work) {
   Join();
   auto context = std::make_unique<StartContext>();
   context->work = std::move(work);
-  ThrowLastErrorIf(!::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                                         reinterpret_cast<LPCWSTR>(&ThreadMain), &context->hModule));
+  ThrowLastErrorIf(!::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&ThreadMain),
+                                         &context->hModule));
   GetComponentsModule().Lock();
   HANDLE thread = ::CreateThread(nullptr, 0, &ThreadMain, context.get(), 0, nullptr);
   if (thread == nullptr) {

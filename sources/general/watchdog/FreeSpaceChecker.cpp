@@ -82,7 +82,7 @@ SampleList TakeSamples(const PathList& paths, const std::function<std::uint64_t(
           if (unreadable.insert(path).second) {
             VH_LOG(VHLogger::SEV_WARN, kSource,
                    L"Failed to get free space in \"" << path << L"\": " << error.Text()
-                                                      << L"; the path is not watched until it can be read");
+                                                     << L"; the path is not watched until it can be read");
           } else {
             VH_LOG(VHLogger::SEV_DBG, kSource, L"Failed to get free space in \"" << path << L"\": " << error.Text());
           }
