@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <limits>
