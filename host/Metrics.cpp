@@ -173,8 +173,7 @@ std::wstring GroupLabel(const Section&, std::size_t index) { return std::to_wstr
 
 GroupBounds ReadBounds(const Section& group) {
   GroupBounds bounds;
-  bounds.recommended =
-      Bound(group, L"FreeSpaceRecommendedMinimumGB", L"FreeSpaceRecommendedMinimumMB", 100 * kGB);
+  bounds.recommended = Bound(group, L"FreeSpaceRecommendedMinimumGB", L"FreeSpaceRecommendedMinimumMB", 100 * kGB);
   bounds.warning = Bound(group, L"FreeSpaceWarningLowerBoundGB", L"FreeSpaceWarningLowerBoundMB", 20 * kGB);
   bounds.stop = Bound(group, L"FreeSpaceStopServicesLowerBoundGB", L"FreeSpaceStopServicesLowerBoundMB", 5 * kGB);
   return bounds;
@@ -413,7 +412,8 @@ std::string MetricsWriter::State::Render(const std::vector<GroupSample>& groups,
   out.Sample("wd64_logpacker_files_skipped_total", {}, totals.skipped);
   out.Family("wd64_logpacker_last_run_timestamp_seconds", "gauge",
              "When the last pack run finished, in Unix seconds; no sample before the first run.");
-  if (totals.last) out.Sample("wd64_logpacker_last_run_timestamp_seconds", {}, Seconds(UnixSeconds(totals.last->finished)));
+  if (totals.last)
+    out.Sample("wd64_logpacker_last_run_timestamp_seconds", {}, Seconds(UnixSeconds(totals.last->finished)));
   out.Family("wd64_logpacker_last_run_success", "gauge",
              "1 when the last pack run succeeded, 0 when it failed; no sample before the first run.");
   if (totals.last) out.Sample("wd64_logpacker_last_run_success", {}, SUCCEEDED(totals.last->hr) ? 1u : 0u);
@@ -461,8 +461,8 @@ bool MetricsWriter::State::Replace(const std::string& text, std::wstring* error)
     const bool ok = WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
                     written == text.size() && FlushFileBuffers(file.get());
     if (!ok) {
-      const DWORD code = written != text.size() && GetLastError() == ERROR_SUCCESS ? ERROR_HANDLE_DISK_FULL
-                                                                                   : GetLastError();
+      const DWORD code =
+          written != text.size() && GetLastError() == ERROR_SUCCESS ? ERROR_HANDLE_DISK_FULL : GetLastError();
       file.reset();  // opened without sharing: closed before it can be deleted
       DeleteFileW(temporary.c_str());
       return fail(L"writing " + temporary, code);
@@ -513,6 +513,8 @@ bool MetricsWriter::Write(std::wstring* error) {
     if (error != nullptr) *error = L"cannot write the metrics file " + m_state->path + L": " + Widen(failure.what());
   } catch (const HostError& failure) {
     if (error != nullptr) *error = L"cannot write the metrics file " + m_state->path + L": " + failure.Text();
+  } catch (...) {
+    if (error != nullptr) *error = L"cannot write the metrics file " + m_state->path + L": unexpected failure";
   }
   return false;
 }

@@ -37,8 +37,9 @@ constexpr std::int64_t kMB = std::int64_t{1} << 20;
 fs::path Artifacts() {
   wchar_t value[MAX_PATH * 2];
   const DWORD length = GetEnvironmentVariableW(L"WD64_METRICS_ARTIFACTS", value, MAX_PATH * 2);
-  const fs::path folder = length > 0 && length < MAX_PATH * 2 ? fs::path(value)
-                                                                : fs::path(Kestrel::ModuleDirectory()) / L"metrics-artifacts";
+  const fs::path folder = length > 0 && length < MAX_PATH * 2
+                              ? fs::path(value)
+                              : fs::path(Kestrel::ModuleDirectory()) / L"metrics-artifacts";
   fs::create_directories(folder);
   return folder;
 }
@@ -94,8 +95,8 @@ int Temporaries(const fs::path& folder, DWORD livingPid = 0) {
 // readers for a moment.
 std::string ReadWhenOpen(const fs::path& path) {
   for (int attempt = 0; attempt < 100; ++attempt) {
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                              OPEN_EXISTING, 0, nullptr);
+    HANDLE file =
+        CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
       Sleep(10);
       continue;
@@ -121,7 +122,8 @@ class Expectations {
     return *this;
   }
   Expectations& Range(const char* name, json labels, double low, double high) {
-    m_document["samples"].push_back({{"name", name}, {"labels", Labels(std::move(labels))}, {"min", low}, {"max", high}});
+    m_document["samples"].push_back(
+        {{"name", name}, {"labels", Labels(std::move(labels))}, {"min", low}, {"max", high}});
     return *this;
   }
   Expectations& Absent(const char* name, json labels = json::object()) {
@@ -288,7 +290,8 @@ TEST(MetricsChild, WritesWhenStartedAsASecondProcess) {
     GTEST_SKIP() << "runs as a second writer only";
   }
   const fs::path folder = fs::path(target).parent_path();
-  const auto config = ConfigOf({{"freeSpaceWatcher", {{"groups", {Group({folder.wstring()}, {L"WD64NoSuchService"})}}}}});
+  const auto config =
+      ConfigOf({{"freeSpaceWatcher", {{"groups", {Group({folder.wstring()}, {L"WD64NoSuchService"})}}}}});
   Host::ModuleHost host;
   Host::MetricsWriter writer(target, config, host);
   const int writes = std::stoi(count);
@@ -317,12 +320,11 @@ TEST(MetricsRules, LevelsBoundsPathsAndEscaping) {
 
   const auto config = ConfigOf({{"freeSpaceWatcher",
                                  {{"groups",
-                                   {Group({L"C:\\"}, {}),
-                                    json{{"Paths", {"C:\\"}},
-                                         {"ServiceNames", json::array()},
-                                         {"FreeSpaceRecommendedMinimumGB", 3},
-                                         {"FreeSpaceWarningLowerBoundMB", 2048},
-                                         {"FreeSpaceStopServicesLowerBoundMB", 1}}}}}}});
+                                   {Group({L"C:\\"}, {}), json{{"Paths", {"C:\\"}},
+                                                               {"ServiceNames", json::array()},
+                                                               {"FreeSpaceRecommendedMinimumGB", 3},
+                                                               {"FreeSpaceWarningLowerBoundMB", 2048},
+                                                               {"FreeSpaceStopServicesLowerBoundMB", 1}}}}}}});
   const auto defaults = Host::ReadBounds(config.watcher->groups[0]);
   EXPECT_EQ(defaults.recommended, 107374182400);
   EXPECT_EQ(defaults.warning, 21474836480);
@@ -352,7 +354,8 @@ TEST(MetricsRules, LevelsBoundsPathsAndEscaping) {
 
 TEST(MetricsWriter, ReportsRealFoldersServicesAndPackRuns) {
   const fs::path folder = TestFolder(L"real");
-  const fs::path named = folder / L"\u0434\u0430\u043d\u043d\u044b\u0435 \u6570\u636e \U0001F600";  // no code page holds these
+  const fs::path named =
+      folder / L"\u0434\u0430\u043d\u043d\u044b\u0435 \u6570\u636e \U0001F600";  // no code page holds these
   const fs::path relative = folder / L"relative";
   const fs::path viaVariable = folder / L"variable";
   for (const auto& path : {named, relative, viaVariable}) fs::create_directories(path);
@@ -362,9 +365,9 @@ TEST(MetricsWriter, ReportsRealFoldersServicesAndPackRuns) {
 
   const std::uint64_t freeNow = TotalFree(folder);
   const std::int64_t stopMB = static_cast<std::int64_t>(freeNow / kMB) + 100 * 1024;  // 100 GB above: level 3
-  json critical = Group({named.wstring(), missing, quoted, L"metrics-tests\\real\\relative",
-                         L"%WD64_METRICS_FOLDER%\\variable"},
-                        {L"WD64MetricsRunning", L"WD64MetricsNoSuchService"});
+  json critical =
+      Group({named.wstring(), missing, quoted, L"metrics-tests\\real\\relative", L"%WD64_METRICS_FOLDER%\\variable"},
+            {L"WD64MetricsRunning", L"WD64MetricsNoSuchService"});
   critical["FreeSpaceStopServicesLowerBoundMB"] = stopMB;
   critical["FreeSpaceWarningLowerBoundMB"] = stopMB + 1024;
   critical["FreeSpaceRecommendedMinimumMB"] = stopMB + 2048;
@@ -438,7 +441,8 @@ TEST(MetricsWriter, ReportsRealFoldersServicesAndPackRuns) {
   GetProcessTimes(GetCurrentProcess(), &created, &unused, &unused, &unused);
   const double startSeconds =
       static_cast<double>((static_cast<std::uint64_t>(created.dwHighDateTime) << 32 | created.dwLowDateTime) -
-                          116444736000000000ull) / 1e7;
+                          116444736000000000ull) /
+      1e7;
   before.Range("wd64_host_start_time_seconds", {}, startSeconds - 0.01, startSeconds + 0.01);
   before.Save();
 
@@ -530,7 +534,8 @@ TEST(MetricsWriter, MissingHeldOrVanishedTargetsFailCleanly) {
 TEST(MetricsWriter, ReadersNeverSeeAPartialFileAndKilledWritersLoseNothing) {
   const fs::path folder = TestFolder(L"replace");
   const fs::path target = folder / L"wd64.prom";
-  const auto config = ConfigOf({{"freeSpaceWatcher", {{"groups", {Group({folder.wstring()}, {L"WD64NoSuchService"})}}}}});
+  const auto config =
+      ConfigOf({{"freeSpaceWatcher", {{"groups", {Group({folder.wstring()}, {L"WD64NoSuchService"})}}}}});
   Host::ModuleHost host;
   Host::MetricsWriter writer(target.wstring(), config, host);
 
@@ -562,8 +567,8 @@ TEST(MetricsWriter, ReadersNeverSeeAPartialFileAndKilledWritersLoseNothing) {
     for (int i = 0; i < 100; ++i) write();
     const int failedOne = one.Wait(), failedTwo = two.Wait();
     reader.Stop();
-    std::printf("three writers: 300 writes, %d/%d/%d failed; %d reads, %d partial, %d not opened (errors %s)\n",
-                failed, failedOne, failedTwo, reader.reads, reader.partial, reader.unopened, reader.Codes().c_str());
+    std::printf("three writers: 300 writes, %d/%d/%d failed; %d reads, %d partial, %d not opened (errors %s)\n", failed,
+                failedOne, failedTwo, reader.reads, reader.partial, reader.unopened, reader.Codes().c_str());
     EXPECT_EQ(failed, 0) << Utf8(firstError);
     EXPECT_EQ(failedOne, 0);
     EXPECT_EQ(failedTwo, 0);
@@ -597,9 +602,10 @@ TEST(MetricsWriter, ReadersNeverSeeAPartialFileAndKilledWritersLoseNothing) {
   EXPECT_TRUE(fs::exists(livingTemporary));
   living.Kill();
   ASSERT_TRUE(writer.Write());
-  std::printf("8 writers killed beside a living one: %d partial files after a kill, %d temporaries, %d of the "
-              "killed ones after the next write, %d once the living one was killed too\n",
-              partialAfterKill, left, afterWrite, Temporaries(folder));
+  std::printf(
+      "8 writers killed beside a living one: %d partial files after a kill, %d temporaries, %d of the "
+      "killed ones after the next write, %d once the living one was killed too\n",
+      partialAfterKill, left, afterWrite, Temporaries(folder));
   EXPECT_EQ(partialAfterKill, 0);
   EXPECT_EQ(afterWrite, 0);
   EXPECT_EQ(Temporaries(folder), 0);
