@@ -63,6 +63,22 @@ def check_file(prom: pathlib.Path, expected: dict) -> list:
         if name not in FAMILIES:
             problems.append(f"unexpected family {name}")
 
+    # The client's parser lets an unknown escape such as "\w" through, so a
+    # path whose backslashes were not doubled would pass it: check by hand.
+    for number, line in enumerate(text.split("\n"), 1):
+        if line.startswith("#") or "{" not in line:
+            continue
+        quoted = False
+        i = line.index("{")
+        while i < len(line) and not (line[i] == "}" and not quoted):
+            if line[i] == '"':
+                quoted = not quoted
+            elif line[i] == "\\" and quoted:
+                if i + 1 >= len(line) or line[i + 1] not in '\\"n':
+                    problems.append(f"line {number}: bad escape {line[i:i + 2]!r} in {line}")
+                i += 1
+            i += 1
+
     samples = {}
     try:
         for family in text_string_to_metric_families(text):
