@@ -28,6 +28,9 @@ struct PackRunResult {
   std::uint64_t skipped = 0;  // selected files left on disk for a later run
 };
 
+// RecordPackRun and Write may be called from different threads; Write
+// blocks for the collection (a disk-manager request, the service manager) and
+// for up to two seconds more while a reader holds the file.
 class MetricsWriter {
  public:
   // `path` is the .prom file to keep current; `config` and `host` must

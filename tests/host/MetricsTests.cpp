@@ -527,6 +527,8 @@ TEST(MetricsWriter, MissingHeldOrVanishedTargetsFailCleanly) {
   EXPECT_FALSE(fs::exists(comesAndGoes));
   fs::create_directories(comesAndGoes);
   EXPECT_TRUE(vanishing.Write(&error)) << Utf8(error);
+  fs::remove(comesAndGoes / L"m.prom");  // the file alone deleted by someone
+  EXPECT_TRUE(vanishing.Write(&error)) << Utf8(error);
   EXPECT_TRUE(Whole(ReadAll(comesAndGoes / L"m.prom")));
   EXPECT_EQ(Temporaries(comesAndGoes), 0);
 }
