@@ -4,6 +4,7 @@
 // After zip.h, whose zlib and file-function declarations it needs.
 #include <iowin32.h>
 
+#include <algorithm>
 #include <exception>
 #include <memory>
 #include <string>
@@ -51,11 +52,18 @@ std::wstring Widen(UINT codePage, const std::string& text) {
 namespace Detail {
 
 std::string EntryNameBytes(const std::wstring& name, bool& bUtf8) {
-  // No best fit: "ā" must not quietly become "a" and name another file.
-  bool bUsedDefault = true;
-  std::string narrow = Convert(CP_ACP, WC_NO_BEST_FIT_CHARS, name, &bUsedDefault);
-  bUtf8 = bUsedDefault || Widen(CP_ACP, narrow) != name;
-  return bUtf8 ? Convert(CP_UTF8, 0, name, nullptr) : narrow;
+  bUtf8 = false;
+  if (std::all_of(name.begin(), name.end(), [](wchar_t c) { return c < 0x80; })) return Convert(CP_ACP, 0, name, nullptr);
+  // On a UTF-8 code page the bytes are the same, but without the flag readers
+  // take them for the old DOS code page.
+  if (::GetACP() != CP_UTF8) {
+    // No best fit: "ā" must not quietly become "a" and name another file.
+    bool bUsedDefault = true;
+    std::string narrow = Convert(CP_ACP, WC_NO_BEST_FIT_CHARS, name, &bUsedDefault);
+    if (!bUsedDefault && Widen(CP_ACP, narrow) == name) return narrow;
+  }
+  bUtf8 = true;
+  return Convert(CP_UTF8, 0, name, nullptr);
 }
 
 }  // namespace Detail
@@ -96,14 +104,15 @@ void CZipArchive::CloseArchive(bool bRaise) {
   if (bRaise) ThrowHr(E_FAIL, L"Couldn't close a .ZIP archive \"" + m_archivePath.String() + L"\"");
 }
 
-bool CZipArchive::Write(HANDLE source, const CPath& sourcePath, const CPath& entryName, std::uint64_t expectedSize) {
+bool CZipArchive::Write(HANDLE source, const std::wstring& sourcePath, const std::wstring& entryName,
+                        std::uint64_t expectedSize) {
   VH_TRACE_SCOPE(kSource, L"Kestrel::CZipArchive::Write");
   VH_LOG_AT(VHLogger::SEV_DBG, kSource, 135, L"Archive file path: " << m_archivePath.String());
-  VH_LOG_AT(VHLogger::SEV_DBG, kSource, 136, L"Source file path: " << sourcePath.String());
-  VH_LOG_AT(VHLogger::SEV_DBG, kSource, 137, L"Compressed file path: " << entryName.String());
+  VH_LOG_AT(VHLogger::SEV_DBG, kSource, 136, L"Source file path: " << sourcePath);
+  VH_LOG_AT(VHLogger::SEV_DBG, kSource, 137, L"Compressed file path: " << entryName);
 
   bool bUtf8 = false;
-  const std::string name = Detail::EntryNameBytes(entryName.String(), bUtf8);
+  const std::string name = Detail::EntryNameBytes(entryName, bUtf8);
   // Entries carry no time stamp and no attributes.
   zip_fileinfo info{};
   int result = zipOpenNewFileInZip4_64(AsZip(m_hZip), name.c_str(), &info, nullptr, 0, nullptr, 0, nullptr,
@@ -113,7 +122,7 @@ bool CZipArchive::Write(HANDLE source, const CPath& sourcePath, const CPath& ent
   if (result != ZIP_OK) {
     VH_LOG_AT(VHLogger::SEV_ERR, kSource, 76, L"Couldn't open a file in a .ZIP archive for writing");
     VH_LOG_AT(VHLogger::SEV_ERR, kSource, 77, L"zipOpenNewFileInZip return code: " << result);
-    ThrowHr(E_FAIL, L"Couldn't open a file in a .ZIP archive for writing \"" + entryName.String() + L"\"");
+    ThrowHr(E_FAIL, L"Couldn't open a file in a .ZIP archive for writing \"" + entryName + L"\"");
   }
 
   const auto buffer = std::make_unique_for_overwrite<char[]>(Detail::kZipChunkBytes);
@@ -123,7 +132,7 @@ bool CZipArchive::Write(HANDLE source, const CPath& sourcePath, const CPath& ent
     if (!::ReadFile(source, buffer.get(), Detail::kZipChunkBytes, &read, nullptr)) {
       const DWORD error = ::GetLastError();
       VH_LOG_AT(VHLogger::SEV_ERR, kSource, 43, L"Couldn't read file to be written to a .ZIP file");
-      VH_LOG_AT(VHLogger::SEV_ERR, kSource, 44, L"Input file path: " << sourcePath.String());
+      VH_LOG_AT(VHLogger::SEV_ERR, kSource, 44, L"Input file path: " << sourcePath);
       VH_LOG_AT(VHLogger::SEV_ERR, kSource, 45, L"ReadFile: " << DescribeHResult(HRESULT_FROM_WIN32(error)));
       bWhole = false;
       break;
@@ -133,7 +142,7 @@ bool CZipArchive::Write(HANDLE source, const CPath& sourcePath, const CPath& ent
     if (result != ZIP_OK) {
       VH_LOG_AT(VHLogger::SEV_ERR, kSource, 89, L"Couldn't write a file in a .ZIP archive");
       VH_LOG_AT(VHLogger::SEV_ERR, kSource, 90, L"zipWriteInFileInZip return code: " << result);
-      ThrowHr(E_FAIL, L"Couldn't write a file in a .ZIP archive \"" + entryName.String() + L"\"");
+      ThrowHr(E_FAIL, L"Couldn't write a file in a .ZIP archive \"" + entryName + L"\"");
     }
   }
 
@@ -141,7 +150,7 @@ bool CZipArchive::Write(HANDLE source, const CPath& sourcePath, const CPath& ent
   if (result != ZIP_OK) {
     VH_LOG_AT(VHLogger::SEV_ERR, kSource, 103, L"Couldn't close a file in a .ZIP archive");
     VH_LOG_AT(VHLogger::SEV_ERR, kSource, 104, L"zipCloseFileInZip return code: " << result);
-    ThrowHr(E_FAIL, L"Couldn't close a file in a .ZIP archive \"" + entryName.String() + L"\"");
+    ThrowHr(E_FAIL, L"Couldn't close a file in a .ZIP archive \"" + entryName + L"\"");
   }
   return bWhole;
 }

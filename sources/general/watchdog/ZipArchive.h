@@ -30,7 +30,7 @@ class CZipArchive {
   // when reading the source failed: the entry is then finished short, the
   // read failure logged, and the caller must not count the file as packed.
   // A failure of the archive itself raises HRX.
-  bool Write(HANDLE source, const CPath& sourcePath, const CPath& entryName, std::uint64_t expectedSize);
+  bool Write(HANDLE source, const std::wstring& sourcePath, const std::wstring& entryName, std::uint64_t expectedSize);
   // Writes the central directory and closes the file; later calls do nothing.
   void Close();
 
