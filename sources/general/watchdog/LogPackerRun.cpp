@@ -127,8 +127,12 @@ class PackRun {
         // Earlier generations first, so lines stay in order across archives.
         for (const std::wstring& name : moved) {
           const std::wstring original = Detail::OriginalOfMoved(name);
-          if (HasEntry(original)) continue;  // one generation of a name an archive
-          if (auto taken = Take(Join(m_settings.logsDirectory, name), original, original)) Pack(archive, *taken);
+          if (HasEntry(original)) continue;  // one generation of a name in an archive
+          if (auto taken = Take(Join(m_settings.logsDirectory, name), original, original)) {
+            Pack(archive, *taken);
+          } else {
+            m_waiting.push_back(original);  // later generations wait behind it
+          }
         }
         for (const std::wstring& name : selected) {
           if (HasEntry(name)) continue;  // an earlier generation went into this archive; this one waits
@@ -237,9 +241,13 @@ class PackRun {
     }
   }
 
+  // True when the name is taken in this archive, or an earlier generation of
+  // it could not be taken and the later ones wait behind it.
   bool HasEntry(const std::wstring& entryName) const {
     return std::any_of(m_taken.begin(), m_taken.end(),
-                       [&](const TakenFile& taken) { return EqualNoCase(taken.entryName, entryName); });
+                       [&](const TakenFile& taken) { return EqualNoCase(taken.entryName, entryName); }) ||
+           std::any_of(m_waiting.begin(), m_waiting.end(),
+                       [&](const std::wstring& name) { return EqualNoCase(name, entryName); });
   }
 
   void Pack(CZipArchive& archive, TakenFile& taken) {
@@ -290,6 +298,7 @@ class PackRun {
 
   const LogPackerSettings& m_settings;
   std::vector<TakenFile> m_taken;
+  std::vector<std::wstring> m_waiting;
   std::uint64_t m_lastUnique = 0;
 };
 
