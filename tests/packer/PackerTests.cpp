@@ -26,6 +26,7 @@
 #include "WatchDogConfiguration.h"
 #include "ZipArchive.h"
 #include "components/ComponentsCommon.h"
+#include "logger/Logger.h"
 #include "logger/detail/LoggerCore.h"
 
 namespace fs = std::filesystem;
@@ -434,6 +435,17 @@ TEST(LogPackerChild, PacksTheFolderNamedInTheEnvironment) {
   EXPECT_EQ(PackOnce(PackerNode(logs, 24, 100)), S_OK);
 }
 
+// A second process for the live-log test: numbered lines through the module's
+// own file logger, into the folder GS_Logger_Path names.
+TEST(LogPackerChild, WritesNumberedLinesToTheModuleLog) {
+  const wchar_t* count = ::_wgetenv(L"WD64_LOG_CHILD_LINES");
+  if (count == nullptr) GTEST_SKIP() << "started by the live-log test as a second process";
+  for (unsigned long i = 0, n = std::wcstoul(count, nullptr, 10); i < n; ++i) {
+    VH_LOG(VHLogger::SEV_INFO, L"LiveLog", L"wdlog " << i);
+    ::Sleep(1);
+  }
+}
+
 TEST(LogPackerFaults, RunsKilledAtAnyMomentLoseNothing) {
   const auto folder = FreshFolder(L"packer-kills");
   const std::wstring ready = L"Local\\wd64-pack-ready-" + std::to_wstring(::GetCurrentProcessId());
@@ -502,6 +514,14 @@ TEST(LogPackerFaults, LogsBeingWrittenLoseNoLine) {
   // for every line; both share read, write and delete.
   Handle keep = Start(L"test_helper.exe", L"append \"" + (logs / L"keep.log").wstring() + L"\" keep 5000 keep");
   Handle line = Start(L"test_helper.exe", L"append \"" + (logs / L"line.log").wstring() + L"\" line 2500 line");
+  // And the module's own logger, which keeps its handle for 5 s.
+  ::SetEnvironmentVariableW(L"GS_Logger_Path", logs.c_str());
+  ::SetEnvironmentVariableW(L"WD64_LOG_CHILD_LINES", L"4000");
+  wchar_t self[MAX_PATH];
+  ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+  Handle module = Start(fs::path(self).filename(), L"--gtest_filter=LogPackerChild.WritesNumbered*");
+  ::SetEnvironmentVariableW(L"GS_Logger_Path", nullptr);
+  ::SetEnvironmentVariableW(L"WD64_LOG_CHILD_LINES", nullptr);
   const NodePtr node = PackerNode(logs, 24, 0);  // every file with a byte in it
   for (int run = 0; run < 10; ++run) {
     ::Sleep(600);
@@ -509,12 +529,14 @@ TEST(LogPackerFaults, LogsBeingWrittenLoseNoLine) {
   }
   EXPECT_EQ(WaitForExit(keep), 0u);
   EXPECT_EQ(WaitForExit(line), 0u);
+  EXPECT_EQ(WaitForExit(module), 0u);
   // Moved files wait for their writers to let go, and one generation of a
   // name goes into an archive: a few more runs take the rest.
   for (int run = 0; run < 3; ++run) EXPECT_EQ(PackOnce(node), S_OK);
   EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
   Manifest(folder, L"lines.tsv", L"keep\t5000");
   Manifest(folder, L"lines.tsv", L"line\t2500");
+  Manifest(folder, L"lines.tsv", L"wdlog\t4000\tutf-16");  // the module log is UTF-16
 }
 
 // 5 GiB of sparse disk and about a minute: run by hand with WD64_PACKER_HUGE=1.

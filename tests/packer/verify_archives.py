@@ -9,8 +9,9 @@ In each test folder (paths relative to it, "\\" separators):
   survivors.tsv  "<name>\t<copy>\t<once|any>": the original is whole in logs\\
                  or byte-identical in one of the folder's archives; "once"
                  also forbids a second place.
-  lines.tsv      "<prefix>\t<count>": every line "<prefix> N", N < count, is in
-                 the archives or the files left in logs\\ exactly once.
+  lines.tsv      "<prefix>\t<count>[\tutf-16]": every line ending in "<prefix> N",
+                 N < count, is in the archives or the files left in logs\\
+                 exactly once (in UTF-16 files for "utf-16").
 Every logs_*.zip of a folder must pass `unzip -t`; no temporary archive may be
 left under a .zip name."""
 
@@ -107,14 +108,16 @@ def check_folder(folder):
         summary.append(f"{len(rows)} files, {lost} lost, {duplicated} packed twice")
     lines = folder / "lines.tsv"
     if lines.exists():
-        counts = collections.Counter()
+        counts = {"": collections.Counter(), "utf-16": collections.Counter()}
         for _, _, data in contents:
-            counts.update(m.group(1) for m in re.finditer(rb"^(\S+ \d+)\r?$", data, re.M))
+            for encoding, text in (("", data), ("utf-16", data.decode("utf-16-le", "replace").encode())):
+                counts[encoding].update(m.group(1) for m in re.finditer(rb"(?:^|\s)(\S+ \d+)\r?$", text, re.M))
         for row in lines.read_text(encoding="utf-8").splitlines():
-            prefix, count = row.split("\t")
+            prefix, count, *encoding = row.split("\t")
+            counts_of = counts[encoding[0] if encoding else ""]
             wanted = [f"{prefix} {n}".encode() for n in range(int(count))]
-            lost = sum(1 for w in wanted if counts[w] == 0)
-            twice = sum(1 for w in wanted if counts[w] > 1)
+            lost = sum(1 for w in wanted if counts_of[w] == 0)
+            twice = sum(1 for w in wanted if counts_of[w] > 1)
             summary.append(f"{prefix}: {count} lines, {lost} lost, {twice} duplicated")
             if lost or twice:
                 problems.append(f"{prefix}: {lost} lines lost, {twice} duplicated")
