@@ -272,13 +272,34 @@ TEST(DirectoryEnumerator, EmptyMatchStopAndSearchHandleRelease) {
   EXPECT_TRUE(::RemoveDirectoryW(folder.c_str()));
 }
 
-TEST(ZipArchive, ArchiveThatCannotBeCreatedIsLoggedAndRaisedAsEFail) {
+TEST(ZipArchive, ArchiveThatCannotBeCreatedFailsAndASourceThatCannotBeReadIsReported) {
   const auto folder = FreshFolder(L"zip-failures");
   LogCapture capture;
   const auto open = [&] { Kestrel::CZipArchive archive((folder / L"absent" / L"a.zip").wstring()); };
   EXPECT_EQ(Kestrel::RunAtBoundary({L"Open", L"PackerTests", 0}, open), E_FAIL);
   EXPECT_EQ(capture.Errors(L"ZipArchive"),
             (Lines{{126, L"Couldn't open a .ZIP archive file for writing"}, {127, L"zipOpen return code: TBD"}}));
+
+  // A source that refuses reads: the entry ends short (here empty), the
+  // archive stays whole, and the caller learns the file was not packed.
+  MakeLog(folder, L"unread.log", 5000, 0);
+  MakeLog(folder, L"read.log", 5000, 0);
+  const auto source = [&](const wchar_t* name, DWORD access) {
+    return Handle(::CreateFileW((folder / L"logs" / name).c_str(), access, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                0, nullptr));
+  };
+  {
+    Kestrel::CZipArchive archive((folder / L"logs" / L"a.zip").wstring());
+    EXPECT_FALSE(archive.Write(source(L"unread.log", FILE_READ_ATTRIBUTES).Get(), L"unread.log", L"unread.log", 5000));
+    EXPECT_TRUE(archive.Write(source(L"read.log", GENERIC_READ).Get(), L"read.log", L"read.log", 5000));
+    archive.Close();
+  }
+  const auto lines = capture.Errors(L"ZipArchive");
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_EQ(lines[2], std::make_pair(43u, std::wstring(L"Couldn't read file to be written to a .ZIP file")));
+  EXPECT_EQ(lines[3], std::make_pair(44u, std::wstring(L"Input file path: unread.log")));
+  ExpectEntry(folder, L"logs\\a.zip", L"unread.log", L"=0:00000000");
+  ExpectEntry(folder, L"logs\\a.zip", L"read.log");
 }
 
 TEST(LogPackerRules, ArchiveNamesLimitsAndPackerOwnNames) {
@@ -368,7 +389,7 @@ TEST(LogPackerRun, PacksExactlyTheOldAndLargeLogsAndDeletesThem) {
 }
 
 TEST(LogPackerRun, SkipsWhatCannotBePackedAndTakesNamesAsFound) {
-  const auto folder = FreshFolder(L"packer-names");
+  const auto folder = FreshFolder(L"packer-names-\u0438\u043C\u0435\u043D\u0430");  // archives on a wide path
   const auto logs = folder / L"logs";
   LogCapture capture;
   EXPECT_EQ(PackOnce(PackerNode(folder / L"absent", 24, 1)), static_cast<HRESULT>(0x80070003));
