@@ -524,6 +524,21 @@ TEST(LogPackerFaults, TwoProcessesPackingOneFolderShareNoFile) {
     EXPECT_EQ(WaitForExit(first), 0u);
     EXPECT_EQ(WaitForExit(second), 0u);
   }
+
+  // While another process holds the folder's guard, a run waits and touches
+  // nothing (whatever the timing, a run that did not wait would show here).
+  MakeLog(folder, L"guarded.log", 1000, 30 * kHour);
+  names.push_back(L"guarded.log");
+  const std::wstring guardName = Kestrel::Detail::FolderGuardName((folder / L"logs").wstring());
+  Handle guard(::CreateMutexW(nullptr, TRUE, (L"Global\\" + guardName).c_str()));
+  ASSERT_TRUE(guard.IsValid());
+  Handle waiting = StartPackingChild(folder / L"logs");
+  EXPECT_EQ(::WaitForSingleObject(waiting.Get(), 3000), static_cast<DWORD>(WAIT_TIMEOUT));
+  EXPECT_TRUE(Untouched(folder, L"guarded.log"));
+  EXPECT_EQ(PackerOwnFiles(folder / L"logs"), std::vector<std::wstring>{});
+  ::ReleaseMutex(guard.Get());
+  EXPECT_EQ(WaitForExit(waiting), 0u);
+
   for (const auto& name : names) ExpectSurvivor(folder, name, L"once");
   EXPECT_EQ(ListFiles(folder / L"logs", L"*.log"), std::vector<std::wstring>{});
 }
