@@ -2,6 +2,7 @@
 // the table below:
 //
 //   test_helper hold FILE MS          holds FILE open without write sharing
+//   test_helper lock FILE MS          holds FILE open with no sharing at all
 //   test_helper sleep MS              sleeps, then exits with 0
 //   test_helper append FILE PREFIX COUNT keep|line
 //                                     appends "PREFIX N" lines 0..COUNT-1, a
@@ -33,16 +34,18 @@ bool ParseUnsigned(const wchar_t* text, unsigned long& value) {
   return end != text && *end == L'\0';
 }
 
-int Hold(const Arguments& args) {
+int HoldShared(const Arguments& args, DWORD share) {
   unsigned long ms = 0;
   if (args.count < 2 || !ParseUnsigned(args.values[1], ms)) return 2;
-  HANDLE file = ::CreateFileW(args.values[0], GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE file = ::CreateFileW(args.values[0], GENERIC_READ, share, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) return 1;
   ::Sleep(ms);
   ::CloseHandle(file);
   return 0;
 }
+
+int Hold(const Arguments& args) { return HoldShared(args, FILE_SHARE_READ); }
+int Lock(const Arguments& args) { return HoldShared(args, 0); }
 
 int SleepFor(const Arguments& args) {
   unsigned long ms = 0;
@@ -97,6 +100,7 @@ struct Command {
 
 const Command kCommands[] = {
     {L"hold", L"hold FILE MS", &Hold},
+    {L"lock", L"lock FILE MS", &Lock},
     {L"sleep", L"sleep MS", &SleepFor},
     {L"append", L"append FILE PREFIX COUNT keep|line", &Append},
 };

@@ -410,8 +410,8 @@ TEST(LogPackerRun, SkipsWhatCannotBePackedAndTakesNamesAsFound) {
   fs::create_directories(logs / L"sub.log");
   SetAge(logs / L"sub.log", 48 * kHour);
 
-  // Another process holds held.log without delete sharing until it is killed.
-  Handle holder = Start(L"test_helper.exe", L"hold \"" + (logs / L"held.log").wstring() + L"\" 60000");
+  // Another process holds held.log with no sharing at all until it is killed.
+  Handle holder = Start(L"test_helper.exe", L"lock \"" + (logs / L"held.log").wstring() + L"\" 60000");
   for (int i = 0; i < 500; ++i) {
     Handle probe(::CreateFileW((logs / L"held.log").c_str(), DELETE, 7, nullptr, OPEN_EXISTING, 0, nullptr));
     if (!probe) break;
@@ -422,7 +422,9 @@ TEST(LogPackerRun, SkipsWhatCannotBePackedAndTakesNamesAsFound) {
   ASSERT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*")), S_OK);  // "*" also finds ".", ".." and sub.log
   const auto first = TheArchive(folder);
   for (const auto& name : found) {
-    if (name == L"held.log" || name == expanded || name == L"app.log") {
+    if (name == L"held.log") {
+      EXPECT_EQ(fs::file_size(logs / name), fs::file_size(folder / L"originals" / name));  // unreadable while held
+    } else if (name == expanded || name == L"app.log") {
       EXPECT_TRUE(Untouched(folder, name)) << name;
     } else {
       ExpectEntry(folder, first, name);
