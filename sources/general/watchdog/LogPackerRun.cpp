@@ -92,7 +92,8 @@ std::optional<TakenFile> Take(const CPath& path, const std::wstring& entryName, 
   if (!file) {
     const DWORD error = ::GetLastError();
     if (error == ERROR_SHARING_VIOLATION) {
-      VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << shownName << L"\" is still open in another process; left as \""
+      // A writer (this module's own logger too) still holds it.
+      VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << shownName << L"\" is still open for writing; left as \""
                                                          << path.String() << L"\" for a later run");
     } else {
       VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << shownName << L"\" not packed, left for a later run: "
@@ -280,20 +281,21 @@ class PackRun {
   }
 
   void DeletePacked(const CPath& archivePath) {
-    std::size_t deleted = 0;
+    std::size_t packed = 0;
     for (TakenFile& taken : m_taken) {
       if (!taken.bPacked) continue;
+      ++packed;
       FILE_DISPOSITION_INFO disposition{TRUE};
-      if (::SetFileInformationByHandle(taken.file.Get(), FileDispositionInfo, &disposition, sizeof(disposition))) {
-        ++deleted;
-      } else {
+      if (!::SetFileInformationByHandle(taken.file.Get(), FileDispositionInfo, &disposition, sizeof(disposition))) {
+        const DWORD error = ::GetLastError();
         // Packed again by a later run: a duplicate, never a loss.
         VH_LOG(VHLogger::SEV_WARN, kSource, L"Packed log file \"" << taken.path.String() << L"\" could not be deleted: "
-                                                                  << Reason(::GetLastError()));
+                                                                  << Reason(error));
       }
       taken.file.Reset();
     }
-    VH_LOG(VHLogger::SEV_INFO, kSource, L"Packed " << deleted << L" log files into \"" << archivePath.String() << L"\"");
+    VH_LOG(VHLogger::SEV_INFO, kSource, L"Packed " << packed << (packed == 1 ? L" log file" : L" log files")
+                                                   << L" into \"" << archivePath.String() << L"\"");
   }
 
   const LogPackerSettings& m_settings;
