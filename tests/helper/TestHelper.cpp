@@ -2,10 +2,18 @@
 // the table below:
 //
 //   test_helper hold FILE MS          holds FILE open without write sharing
+//   test_helper lock FILE MS          holds FILE open with no sharing at all
 //   test_helper sleep MS              sleeps, then exits with 0
 //   test_helper host-reconfigure      a watcher configured again while it runs
 //   test_helper host-watchdogs ROUNDS watchdogs configured from threads at once
 //   test_helper host-unload           unloads the module once IsLocked reports 0
+//   test_helper append FILE PREFIX COUNT keep|line
+//                                     appends "PREFIX N" lines 0..COUNT-1, a
+//                                     millisecond apart: "keep" holds one
+//                                     handle (read/write/delete sharing) and
+//                                     reopens it every 5 s, "line" opens the
+//                                     file for every line; a refused open is
+//                                     retried, so no line is dropped
 //
 // Exit code 0 on success, 2 on bad arguments, 1 when the work failed.
 
@@ -36,16 +44,18 @@ bool ParseUnsigned(const wchar_t* text, unsigned long& value) {
   return end != text && *end == L'\0';
 }
 
-int Hold(const Arguments& args) {
+int HoldShared(const Arguments& args, DWORD share) {
   unsigned long ms = 0;
   if (args.count < 2 || !ParseUnsigned(args.values[1], ms)) return 2;
-  HANDLE file = ::CreateFileW(args.values[0], GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE file = ::CreateFileW(args.values[0], GENERIC_READ, share, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) return 1;
   ::Sleep(ms);
   ::CloseHandle(file);
   return 0;
 }
+
+int Hold(const Arguments& args) { return HoldShared(args, FILE_SHARE_READ); }
+int Lock(const Arguments& args) { return HoldShared(args, 0); }
 
 int SleepFor(const Arguments& args) {
   unsigned long ms = 0;
@@ -303,6 +313,44 @@ int HostUnload(const Arguments&) {
   return 0;
 }
 
+HANDLE OpenForAppend(const wchar_t* path) {
+  for (;;) {
+    HANDLE file = ::CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file != INVALID_HANDLE_VALUE) return file;
+    if (::GetLastError() != ERROR_SHARING_VIOLATION && ::GetLastError() != ERROR_ACCESS_DENIED) return file;
+    ::Sleep(1);
+  }
+}
+
+int Append(const Arguments& args) {
+  unsigned long count = 0;
+  if (args.count < 4 || !ParseUnsigned(args.values[2], count)) return 2;
+  const bool keep = std::wcscmp(args.values[3], L"keep") == 0;
+  if (!keep && std::wcscmp(args.values[3], L"line") != 0) return 2;
+  HANDLE file = INVALID_HANDLE_VALUE;
+  DWORD opened = 0;
+  for (unsigned long i = 0; i < count; ++i) {
+    if (file == INVALID_HANDLE_VALUE || !keep || ::GetTickCount() - opened >= 5000) {
+      if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);
+      file = OpenForAppend(args.values[0]);
+      if (file == INVALID_HANDLE_VALUE) return 1;
+      opened = ::GetTickCount();
+    }
+    char line[160];
+    const int length = std::snprintf(line, sizeof(line), "%ls %lu\r\n", args.values[1], i);
+    DWORD written = 0;
+    if (!::WriteFile(file, line, static_cast<DWORD>(length), &written, nullptr) || written != DWORD(length)) return 1;
+    if (!keep) {
+      ::CloseHandle(file);
+      file = INVALID_HANDLE_VALUE;
+    }
+    ::Sleep(1);
+  }
+  if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);
+  return 0;
+}
+
 struct Command {
   const wchar_t* name;
   const wchar_t* usage;
@@ -311,10 +359,12 @@ struct Command {
 
 const Command kCommands[] = {
     {L"hold", L"hold FILE MS", &Hold},
+    {L"lock", L"lock FILE MS", &Lock},
     {L"sleep", L"sleep MS", &SleepFor},
     {L"host-reconfigure", L"host-reconfigure", &HostReconfigure},
     {L"host-watchdogs", L"host-watchdogs ROUNDS", &HostWatchdogs},
     {L"host-unload", L"host-unload", &HostUnload},
+    {L"append", L"append FILE PREFIX COUNT keep|line", &Append},
 };
 
 int Usage() {
