@@ -1,12 +1,14 @@
-// Packs 512 MiB of log text in several files through the log packer and sets
-// its throughput beside zlib's own in-memory deflate of the same bytes at the
-// same level (the packer's ceiling), plus its peak memory above the baseline
-// relative to the largest file packed.
+// Packs 1.2 GiB of log text, one file of 1 GiB among them, through the log
+// packer and sets its throughput beside zlib's own deflate of the same bytes
+// at the same level (the packer's ceiling), plus its peak working set above
+// the baseline, which streaming keeps far below the largest file.
 
 #include <windows.h>
 #include <psapi.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -14,6 +16,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "DataLayer/NodePtr.h"
@@ -22,7 +25,7 @@
 namespace {
 
 constexpr std::uint64_t kMiB = 1ull << 20;
-constexpr std::uint64_t kFileSizesMiB[] = {160, 128, 96, 80, 48};  // 512 MiB
+constexpr std::uint64_t kFileSizesMiB[] = {1024, 128, 48};  // 1200 MiB
 
 using Clock = std::chrono::steady_clock;
 
@@ -89,28 +92,36 @@ void WriteLogFile(const std::filesystem::path& path, std::uint64_t size, std::ui
   });
 }
 
-// The same bytes as WriteLogFile, in memory.
-std::string GenerateLogText(std::uint64_t size, std::uint32_t salt) {
-  std::string text;
-  text.reserve(static_cast<std::size_t>(size));
-  GenerateLog(size, salt, [&](const char* data, std::uint64_t length) { text.append(data, length); });
-  return text;
-}
+// Raw deflate with the zip writer's settings (default level, 15-bit window,
+// memory level 8), fed the same chunks as the files hold and timed around
+// the deflate calls only.
+struct DeflateFigures {
+  double seconds = 0;
+  double cpuSeconds = 0;
+  std::uint64_t compressed = 0;
+};
 
-// Raw deflate with the zip writer's settings: default level, 15-bit window,
-// memory level 8.
-std::uint64_t DeflateInMemory(const char* data, std::uint64_t size, std::vector<unsigned char>& output) {
+void DeflateStreamed(std::uint64_t size, std::uint32_t salt, DeflateFigures& figures) {
   z_stream stream{};
   deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-  output.resize(deflateBound(&stream, static_cast<uLong>(size)));
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
-  stream.avail_in = static_cast<uInt>(size);
-  stream.next_out = output.data();
-  stream.avail_out = static_cast<uInt>(output.size());
-  deflate(&stream, Z_FINISH);
-  const std::uint64_t compressed = stream.total_out;
+  std::vector<unsigned char> output(1 << 20);
+  auto run = [&](const char* data, std::uint64_t length, int flush) {
+    const auto start = Clock::now();
+    const double cpuStart = ThreadCpuSeconds();
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
+    stream.avail_in = static_cast<uInt>(length);
+    do {
+      stream.next_out = output.data();
+      stream.avail_out = static_cast<uInt>(output.size());
+      deflate(&stream, flush);
+    } while (stream.avail_out == 0);
+    figures.cpuSeconds += ThreadCpuSeconds() - cpuStart;
+    figures.seconds += Seconds(start);
+  };
+  GenerateLog(size, salt, [&](const char* data, std::uint64_t length) { run(data, length, Z_NO_FLUSH); });
+  run(nullptr, 0, Z_FINISH);
+  figures.compressed += stream.total_out;
   deflateEnd(&stream);
-  return compressed;
 }
 
 PROCESS_MEMORY_COUNTERS Memory() {
@@ -154,44 +165,46 @@ int main() {
   Kestrel::CLogPackerConfiguration packer;
   packer.Configure(node.Get());
 
+  // The process peak also holds the generation above; a sampler sees the
+  // run's own peak.
+  std::atomic<bool> packing{true};
+  std::size_t runPeak = before.WorkingSetSize;
+  std::thread sampler([&] {
+    while (packing) {
+      runPeak = std::max(runPeak, static_cast<std::size_t>(Memory().WorkingSetSize));
+      ::Sleep(5);
+    }
+  });
   start = Clock::now();
-  double cpuStart = ThreadCpuSeconds();
-  const std::vector<Kestrel::CPath> files = packer.SelectFiles();
-  const Kestrel::CPath archive = packer.PackFiles(files);
+  const double cpuStart = ThreadCpuSeconds();
+  const Kestrel::CPath archive = packer.PackLogs();
   const double packSeconds = Seconds(start);
   const double packCpu = ThreadCpuSeconds() - cpuStart;
+  packing = false;
+  sampler.join();
   const PROCESS_MEMORY_COUNTERS after = Memory();
   const std::uint64_t archiveSize = std::filesystem::file_size(archive.String());
 
-  // zlib alone: the same bytes, made again in memory, timed around deflate only.
-  double zlibSeconds = 0;
-  double zlibCpu = 0;
-  std::uint64_t zlibCompressed = 0;
-  {
-    std::vector<unsigned char> output;
-    std::uint32_t again = 12345;
-    for (const std::uint64_t sizeMiB : kFileSizesMiB) {
-      const std::string text = GenerateLogText(sizeMiB * kMiB, again += 7919);
-      const auto deflateStart = Clock::now();
-      cpuStart = ThreadCpuSeconds();
-      zlibCompressed += DeflateInMemory(text.data(), text.size(), output);
-      zlibCpu += ThreadCpuSeconds() - cpuStart;
-      zlibSeconds += Seconds(deflateStart);
-    }
-  }
+  // zlib alone: the same bytes, made again chunk by chunk.
+  DeflateFigures zlib;
+  std::uint32_t again = 12345;
+  for (const std::uint64_t sizeMiB : kFileSizesMiB) DeflateStreamed(sizeMiB * kMiB, again += 7919, zlib);
+  const double zlibSeconds = zlib.seconds, zlibCpu = zlib.cpuSeconds;
+  const std::uint64_t zlibCompressed = zlib.compressed;
 
   const double mib = total / double(kMiB);
   std::printf("                          wall MiB/s   CPU MiB/s   (wall s / CPU s)\n");
-  std::printf("zlib deflate in memory : %10.1f  %10.1f   (%.1f / %.1f)  %.0f MiB -> %.1f MiB, %.1f:1\n",
+  std::printf("zlib deflate, streamed : %10.1f  %10.1f   (%.1f / %.1f)  %.0f MiB -> %.1f MiB, %.1f:1\n",
               mib / zlibSeconds, mib / zlibCpu, zlibSeconds, zlibCpu, mib, zlibCompressed / double(kMiB),
               total / double(zlibCompressed));
   std::printf("log packer, files->zip : %10.1f  %10.1f   (%.1f / %.1f)  %zu files, archive %.1f MiB\n",
-              mib / packSeconds, mib / packCpu, packSeconds, packCpu, files.size(), archiveSize / double(kMiB));
+              mib / packSeconds, mib / packCpu, packSeconds, packCpu, std::size(kFileSizesMiB),
+              archiveSize / double(kMiB));
   std::printf("packer / zlib          : %10.2f  %10.2f\n", zlibSeconds / packSeconds, zlibCpu / packCpu);
   const double baseline = static_cast<double>(before.WorkingSetSize);
-  const double peakAbove = static_cast<double>(after.PeakWorkingSetSize) - baseline;
-  std::printf("working set before run : %7.1f MiB, peak %.1f MiB (peak before run %.1f MiB)\n", baseline / kMiB,
-              after.PeakWorkingSetSize / double(kMiB), before.PeakWorkingSetSize / double(kMiB));
+  const double peakAbove = static_cast<double>(std::max(runPeak, after.WorkingSetSize)) - baseline;
+  std::printf("working set before run : %7.1f MiB, sampled peak during the run %.1f MiB (process peak %.1f MiB)\n",
+              baseline / kMiB, runPeak / double(kMiB), after.PeakWorkingSetSize / double(kMiB));
   std::printf("peak above baseline    : %7.1f MiB = %.2f x the largest file (%.0f MiB)\n", peakAbove / kMiB,
               peakAbove / largest, largest / double(kMiB));
 

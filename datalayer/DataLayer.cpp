@@ -159,6 +159,8 @@ bool IsSizeValid(std::uint16_t type, std::size_t size) {
       return size == sizeof(std::int64_t);
     case VHN_TYPE_STRING_ARRAY:
       return size % sizeof(wchar_t) == 0;
+    case VHN_TYPE_INT32_ARRAY:
+      return size % sizeof(std::int32_t) == 0;
     case VHN_TYPE_INT64_ARRAY:
       return size % sizeof(std::int64_t) == 0;
     default:

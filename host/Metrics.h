@@ -8,12 +8,15 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace Host {
 
 class ModuleHost;
 struct Config;
+struct Section;
 
 // What one pack run did, as the host saw it.
 struct PackRunResult {
@@ -25,6 +28,9 @@ struct PackRunResult {
   std::uint64_t skipped = 0;  // selected files left on disk for a later run
 };
 
+// RecordPackRun and Write may be called from different threads; Write
+// blocks for the collection (a disk-manager request, the service manager) and
+// for up to two seconds more while a reader holds the file.
 class MetricsWriter {
  public:
   // `path` is the .prom file to keep current; `config` and `host` must
@@ -44,5 +50,32 @@ class MetricsWriter {
   struct State;
   std::unique_ptr<State> m_state;
 };
+
+// The pieces of a metrics file that decide something, open to tests.
+
+// The `group` label of a watch group. Its position in the configuration for
+// now; the one place to change when groups carry names of their own.
+std::wstring GroupLabel(const Section& group, std::size_t index);
+
+// A group's bounds in bytes: the GB or MB key of each, else the watcher's
+// defaults (100 GB, 20 GB, 5 GB).
+struct GroupBounds {
+  std::int64_t recommended = 0;
+  std::int64_t warning = 0;
+  std::int64_t stop = 0;
+};
+GroupBounds ReadBounds(const Section& group);
+
+// 0 normal, 1 below the recommended minimum, 2 below the warning bound, 3
+// below the stop bound, by the watcher's strict comparisons. A path whose free
+// space could not be read (nullopt) is left out, as the watcher drops it.
+int GroupLevel(const std::vector<std::optional<std::uint64_t>>& freeBytes, const GroupBounds& bounds);
+
+// The path the watcher queries for a configured one: environment references
+// expanded, a relative path put after the module's folder.
+std::wstring WatchedPath(const std::wstring& configured, const std::wstring& moduleDirectory);
+
+// A label value in UTF-8 with backslash, double quote and line feed escaped.
+std::string EscapeLabelValue(const std::wstring& value);
 
 }  // namespace Host

@@ -4,6 +4,8 @@
 // the HRESULT. Only HRX is caught; anything else passes to the host.
 
 #include <windows.h>
+// After windows.h, which it needs.
+#include <oleauto.h>
 
 #include <string>
 
@@ -15,7 +17,7 @@ namespace Kestrel {
 struct BoundaryInfo {
   const wchar_t* qualifiedName;  // "CProcessManager::ProcessRequest"
   const wchar_t* source;         // the component's source name, "ProcessManagerComponent"
-  unsigned handlerLine;          // line reported with the failure
+  unsigned handlerLine;          // the operation's own line: its trace and failure lines carry it
   // Text put before the error's description; null gives "<qualified name> failed: ".
   const wchar_t* failurePrefix = nullptr;
 };
@@ -26,7 +28,11 @@ HRESULT ReportBoundaryFailure(const BoundaryInfo& info, const HRX& error) noexce
 
 template <typename Work>
 HRESULT RunAtBoundary(const BoundaryInfo& info, Work&& work) {
-  VH_TRACE_SCOPE(info.source, info.qualifiedName);
+  VH_TRACE_SCOPE_AT(info.source, info.handlerLine, info.qualifiedName);
+  // A failure's text must describe this call only: error information left on
+  // the thread by an earlier call (which most hosts never read) would
+  // otherwise be taken over by the next failure with the same code, and grow.
+  ::SetErrorInfo(0, nullptr);
   try {
     work();
     return S_OK;

@@ -110,11 +110,11 @@ TEST_F(DataLayer, ValuesMustFitTheirTypeAndRoundTrip) {
   ASSERT_EQ(VHN_S_OK, VhnSetAttribute(node.Get(), L"Kept", VHN_TYPE_STRING, text, sizeof(text)));
   auto set = [&](std::uint16_t t, std::size_t n) { return VhnSetAttribute(node.Get(), L"Kept", t, text, n); };
   // Unknown codes, odd or unterminated strings, wrong fixed sizes, ragged arrays.
-  ExpectAll(VHN_E_INVALIDARG, {set(0, 6), set(3, 6), set(VHN_TYPE_ARRAY, 6), set(0x104, 8), set(VHN_TYPE_STRING, 5),
+  ExpectAll(VHN_E_INVALIDARG, {set(0, 6), set(3, 6), set(VHN_TYPE_ARRAY, 6), set(0x108, 8), set(VHN_TYPE_STRING, 5),
                                set(VHN_TYPE_STRING, 4), set(VHN_TYPE_STRING, 0), set(VHN_TYPE_INT32, 3),
                                set(VHN_TYPE_INT32, 8), set(VHN_TYPE_INT32, SIZE_MAX), set(VHN_TYPE_INT64, 4),
                                set(VHN_TYPE_STRING_ARRAY, 3), set(VHN_TYPE_STRING_ARRAY, 4),
-                               set(VHN_TYPE_INT64_ARRAY, 6)});
+                               set(VHN_TYPE_INT64_ARRAY, 6), set(VHN_TYPE_INT32_ARRAY, 6)});
   // Sizes no allocation can satisfy fail cleanly instead of reading past `text`.
   ExpectAll(VHN_E_OUTOFMEMORY, {set(VHN_TYPE_INT64_ARRAY, SIZE_MAX - 7), set(VHN_TYPE_STRING, SIZE_MAX / 4 * 2)});
   ExpectAll(VHN_E_POINTER, {VhnSetAttribute(node.Get(), nullptr, VHN_TYPE_STRING, text, sizeof(text)),
@@ -123,6 +123,12 @@ TEST_F(DataLayer, ValuesMustFitTheirTypeAndRoundTrip) {
 
   const wchar_t multi[] = {L'o', L'n', L'e', 0, 0, L't', L'w', L'o', 0};  // "one", "", "two"
   const std::int64_t numbers[] = {INT64_MIN, -1, 0, INT64_MAX};
+  // The array flag applies to every base type, the 32-bit integer too.
+  const std::int32_t smallNumbers[] = {INT32_MIN, -1, 0, INT32_MAX, 7};
+  ASSERT_EQ(VHN_S_OK, VhnSetAttribute(node.Get(), L"Small", VHN_TYPE_INT32_ARRAY, smallNumbers, sizeof(smallNumbers)));
+  ASSERT_EQ(VHN_S_OK, VhnSetAttribute(node.Get(), L"NoSmall", 0x104, nullptr, 0));
+  ExpectStored(node.Get(), L"Small", VHN_TYPE_INT32_ARRAY, smallNumbers, sizeof(smallNumbers));
+  ExpectStored(node.Get(), L"NoSmall", VHN_TYPE_INT32_ARRAY, nullptr, 0);
   ASSERT_EQ(VHN_S_OK, VhnSetAttribute(node.Get(), L"Multi", VHN_TYPE_STRING_ARRAY, multi, sizeof(multi)));
   ASSERT_EQ(VHN_S_OK, VhnSetAttribute(node.Get(), L"Numbers", VHN_TYPE_INT64_ARRAY, numbers, sizeof(numbers)));
   ASSERT_EQ(VHN_S_OK, VhnSetAttribute(node.Get(), L"NoStrings", VHN_TYPE_STRING_ARRAY, nullptr, 0));

@@ -1,8 +1,12 @@
 // The file logger on real files, with a second process where the behaviour
-// depends on one: shared appends, a file held without write sharing.
+// depends on one: shared appends, a file held without write sharing, files
+// moved away under writers.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -107,4 +111,110 @@ TEST(FileLogger, RefusedWritesAreReportedAndLoggingGoesOn) {
   EXPECT_EQ(DiagTest::WaitExitCode(holder), 0u);
   second.Write(L"kept\r\n", npos);
   EXPECT_EQ(DiagTest::ReadUtf16(held), L"kept\r\n");
+}
+
+// Writers on eight threads while the file is moved away again and again and
+// the kept handle is replaced after each move: every line lands whole in
+// exactly one of the files, and each file starts with the banner. The name
+// holds characters no ANSI code page has.
+TEST(FileLogger, FilesMovedAwayUnderWritersLoseNoLine) {
+  DiagTest::TempDir dir;
+  const std::wstring path = dir.File(L"\u0436\u0443\u0440\u043D\u0430\u043B-\u65E5\u672C-\U0001F5C2.log");
+  DiagTest::ScopedTicks ticks(200000);
+  CFileLogger logger(path, L"=== banner ===\r\n");
+  std::atomic<bool> done{false};
+  std::vector<std::thread> threads;
+  for (unsigned writer = 0; writer < kThreads; ++writer)
+    threads.emplace_back([&, writer] { LogNumbered(logger, writer); });
+  std::thread mover([&] {
+    for (unsigned moves = 0; !done.load(); ++moves) {
+      ::Sleep(15);
+      const std::wstring moved = dir.File(L"moved-" + std::to_wstring(moves) + L".log");
+      if (::MoveFileW(path.c_str(), moved.c_str())) ticks.Advance(5000);  // the next line reopens
+    }
+  });
+  for (auto& thread : threads) thread.join();
+  done = true;
+  mover.join();
+
+  std::multiset<std::wstring> expected, found;
+  for (unsigned writer = 0; writer < kThreads; ++writer)
+    for (unsigned i = 0; i < kPerWriter; ++i) expected.insert(Numbered(writer, i) + L"\r");
+  std::size_t files = 0, banners = 0, bannerFirst = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path)) {
+    ++files;
+    const std::wstring text = DiagTest::ReadUtf16(entry.path().wstring());
+    if (text.rfind(L"=== banner ===\r\n", 0) == 0) ++bannerFirst;
+    std::wistringstream lines(text);
+    for (std::wstring line; std::getline(lines, line);) {
+      if (line == L"=== banner ===\r") {
+        ++banners;
+        continue;
+      }
+      found.insert(line.size() > DiagTest::kMessageColumn ? line.substr(DiagTest::kMessageColumn) : line);
+    }
+  }
+  EXPECT_GT(files, 1u) << "the file was never moved";
+  EXPECT_EQ(banners, files);
+  EXPECT_EQ(bannerFirst, files);
+  EXPECT_EQ(expected.size() - std::min(expected.size(), found.size()), 0u) << "lines lost";
+  EXPECT_TRUE(found == expected) << "lost, torn, mixed or repeated lines among " << found.size();
+}
+
+// A second process writing the same file is killed at a random moment while
+// this one writes too: this process loses no line, and what the killed one
+// wrote is whole lines, in order, without a gap.
+TEST(FileLogger, AWriterKilledMidWayTearsNothing) {
+  constexpr unsigned kKilledWriter = 99;
+  wchar_t shared[MAX_PATH] = L"";
+  if (::GetEnvironmentVariableW(L"WD64_DIAG_KILLED_FILE", shared, MAX_PATH)) {
+    CFileLogger logger(shared, L"=== banner ===\r\n");
+    for (unsigned i = 0;; ++i)
+      VHLogger::GetLogger().Write(VHLogger::SEV_INFO, Numbered(kKilledWriter, i), L"Concurrency", 1, &logger);
+  }
+  DiagTest::TempDir dir;
+  const std::wstring path = dir.File(L"killed.log");
+  HANDLE child = nullptr;
+  {
+    DiagTest::ScopedEnv env(L"WD64_DIAG_KILLED_FILE", path);
+    child = DiagTest::Start(Kestrel::BaseNameOf(Kestrel::ExecutableFilePath()) + L".exe",
+                            L"--gtest_brief=1 --gtest_filter=FileLogger.AWriterKilled*");
+  }
+  ASSERT_NE(child, nullptr);
+  const std::wstring firstKilledLine = Numbered(kKilledWriter, 0) + L"\r\n";
+  for (int i = 0; i < 1000 && DiagTest::ReadUtf16(path).find(firstKilledLine) == std::wstring::npos; ++i) ::Sleep(10);
+
+  CFileLogger logger(path, L"=== banner ===\r\n");
+  std::vector<std::thread> threads;
+  for (unsigned writer = 0; writer < kThreads; ++writer)
+    threads.emplace_back([&, writer] { LogNumbered(logger, writer); });
+  std::random_device random;
+  ::Sleep(random() % 300);
+  ::TerminateProcess(child, 9);
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(DiagTest::WaitExitCode(child), 9u);
+
+  std::multiset<std::wstring> expected, found;
+  for (unsigned writer = 0; writer < kThreads; ++writer)
+    for (unsigned i = 0; i < kPerWriter; ++i) expected.insert(Numbered(writer, i) + L"\r");
+  unsigned killedLines = 0, banners = 0, torn = 0;
+  std::wistringstream text(DiagTest::ReadUtf16(path));
+  for (std::wstring line; std::getline(text, line);) {
+    if (line == L"=== banner ===\r") {
+      ++banners;
+      continue;
+    }
+    const std::wstring message = line.size() > DiagTest::kMessageColumn ? line.substr(DiagTest::kMessageColumn) : line;
+    if (message.rfind(std::to_wstring(kKilledWriter) + L" ", 0) != 0) {
+      found.insert(message);
+    } else if (message == Numbered(kKilledWriter, killedLines) + L"\r") {
+      ++killedLines;
+    } else {
+      ++torn;
+    }
+  }
+  EXPECT_EQ(banners, 2u);
+  EXPECT_GT(killedLines, 0u);
+  EXPECT_EQ(torn, 0u);
+  EXPECT_TRUE(found == expected) << "lost, torn, mixed or repeated lines among " << found.size();
 }

@@ -158,6 +158,14 @@ TEST(LogFormat, LineColumnsAndTheirEdges) {
     VHLogger::Detail::DetailedFormatter::FormatLine(line, severity, source, number, L"m", depth, time, pid, tid);
     EXPECT_EQ(at ? line.substr(at, expected.size()) : line, expected) << number << " " << depth;
   }
+
+  // Control characters inside a message are escaped, so one message is one
+  // line; tab and everything from the blank up stay as they are.
+  std::wstring line;
+  const std::wstring message = std::wstring(L"a\r\nb\tc") + L'\0' + L"\x1B\x1F ~\x7F\x85\u2028" + L"\r\n";
+  VHLogger::Detail::DetailedFormatter::FormatLine(line, 2, L"W", 1, message, 0, time, 1, 1);
+  EXPECT_EQ(line.substr(DiagTest::kMessageColumn), L"a\\r\\nb\tc\\x00\\x1B\\x1F ~\x7F\x85\u2028\\r\\n\r\n");
+  EXPECT_EQ(line.find(L'\n'), line.size() - 1);
 }
 
 TEST(LogFormat, ModuleLogStartsWithBanner) {

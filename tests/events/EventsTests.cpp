@@ -208,7 +208,8 @@ TEST(FileLogEventWriter, EntriesOfTheFreeSpaceEventsOddRecordsAndFallbacks) {
             kStamp + L"EventId: 4302; Type: 'Error'(1); Category: 'Disk space'(1)\r\n"
             L"Free disk space is critically low on the volumes of these watched paths: E:\\Audit.\r\n"
             L"The free space has fallen below the stop bound of the watch group. To keep the data from being "
-            L"damaged by a full disk, the watchdog module has stopped these services: AuditCore, AuditWeb. While "
+            L"damaged by a full disk, the watchdog module is stopping these services: AuditCore, AuditWeb. A "
+            L"service that cannot be stopped is written to the module log as a warning. While "
             L"the free space stays below the stop bound, the module stops them again at every check.\r\n"
             L"Free disk space on these volumes (for example by moving or archiving old data), then start the "
             L"stopped services again.\r\n");
@@ -217,7 +218,7 @@ TEST(FileLogEventWriter, EntriesOfTheFreeSpaceEventsOddRecordsAndFallbacks) {
   odd.SetType(3);
   EXPECT_EQ(Entry(odd).find(kStamp + L"EventId: 100; Type: ''(3); Category: 'Disk space'(1)\r\n"), 0u);
   // Two inserts, one string: the second reads null instead of running past.
-  EXPECT_NE(Entry(Completed(0xC00110CE, {L"E:\\Audit"})).find(L"stopped these services: (null)."), std::wstring::npos);
+  EXPECT_NE(Entry(Completed(0xC00110CE, {L"E:\\Audit"})).find(L"stopping these services: (null)."), std::wstring::npos);
 
   // Without the message text each string replaces the whole, so only the last shows, as 1.
   EXPECT_EQ(Entry(Completed(0xC00110CE, {L"A", nullptr, L"B"}), L"NoSuchMessages.dll"),

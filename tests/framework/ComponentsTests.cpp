@@ -134,3 +134,73 @@ TEST(Components, CountsBalanceAcrossPartsAndThreads) {
 }
 
 }  // namespace
+
+// Host sequences that used to end or crash the host process, each run in a
+// child process (test_helper.exe) that loads the DLL as a host does; the
+// child's exit code and output tell whether the host survived.
+namespace {
+
+struct ChildResult {
+  DWORD exitCode = 0xFFFFFFFF;
+  std::string output;
+};
+
+ChildResult RunHelper(const std::wstring& arguments) {
+  ChildResult result;
+  SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
+  HANDLE readEnd = nullptr, writeEnd = nullptr;
+  if (!CreatePipe(&readEnd, &writeEnd, &inherit, 0)) return result;
+  SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+  std::wstring commandLine = L"\"" + Kestrel::ModuleDirectory() + L"test_helper.exe\" " + arguments;
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = writeEnd;
+  startup.hStdError = writeEnd;
+  PROCESS_INFORMATION process{};
+  const BOOL started =
+      CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+  CloseHandle(writeEnd);
+  if (started) {
+    char buffer[4096];
+    DWORD read = 0;
+    while (ReadFile(readEnd, buffer, sizeof(buffer), &read, nullptr) && read > 0) result.output.append(buffer, read);
+    WaitForSingleObject(process.hProcess, INFINITE);
+    GetExitCodeProcess(process.hProcess, &result.exitCode);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+  }
+  CloseHandle(readEnd);
+  // The child's text-mode output ends lines in CR LF.
+  result.output.erase(std::remove(result.output.begin(), result.output.end(), '\r'), result.output.end());
+  return result;
+}
+
+bool Has(const std::string& output, const std::string& text) { return output.find(text) != std::string::npos; }
+
+}  // namespace
+
+TEST(HostSurvives, ASecondConfigureOnARunningWatcherFailsAndKeepsItRunning) {
+  const ChildResult child = RunHelper(L"host-reconfigure");
+  ASSERT_EQ(child.exitCode, 0u) << child.output;
+  EXPECT_TRUE(Has(child.output, "configure 0x00000000\nagain 0x8007139F\nshutdown 0x00000000\n")) << child.output;
+  // A shut-down watcher takes a configuration again, idle as before.
+  EXPECT_TRUE(Has(child.output, "after shutdown 0x00000000\nand again 0x00000000\n")) << child.output;
+  EXPECT_TRUE(Has(child.output, "concurrent successes 1\n")) << child.output;
+  EXPECT_TRUE(Has(child.output, "raced rounds unexpected 0\n")) << child.output;
+  EXPECT_TRUE(Has(child.output, "locked after release 0\n")) << child.output;
+}
+
+TEST(HostSurvives, WatchdogsConfiguredFromThreadsAtOnceShareOneWorker) {
+  const ChildResult child = RunHelper(L"host-watchdogs 50");
+  ASSERT_EQ(child.exitCode, 0u) << child.output;
+  EXPECT_TRUE(Has(child.output, "failures 0 workers 1 after shutdown 0\n")) << child.output;
+}
+
+TEST(HostSurvives, UnloadingWhenUnlockedIsSafeWhileWorkersWereLeftRunning) {
+  const ChildResult child = RunHelper(L"host-unload");
+  ASSERT_EQ(child.exitCode, 0u) << child.output;
+  EXPECT_TRUE(Has(child.output, "watcher released, locked 0\n")) << child.output;
+  EXPECT_TRUE(Has(child.output, "locked while the worker runs\n")) << child.output;
+  EXPECT_TRUE(Has(child.output, "unloaded and alive\n")) << child.output;
+}

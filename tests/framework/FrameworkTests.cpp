@@ -6,11 +6,17 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
+#include <regex>
+#include <string>
+
 #include "Boundary.h"
 #include "DataLayer/NodePtr.h"
 #include "ErrorHandling.h"
 #include "UniqueResource.h"
 #include "components/ComponentsCommon.h"
+#include "logger/Logger.h"
+#include "logger/detail/LogInterfaces.h"
 
 using Kestrel::errData;
 using Kestrel::HRX;
@@ -174,6 +180,117 @@ TEST(Boundary, ReturnsTheCodeAndPublishesOnlyForHrx) {
   SysFreeString(description);
   published->Release();
   EXPECT_THROW(Kestrel::RunAtBoundary(info, [] { throw std::runtime_error("other"); }), std::runtime_error);
+
+  // Left on the thread by an earlier call, a text is not taken over; one that
+  // crossed a component boundary inside this call is.
+  HRX(E_INVALIDARG, errData(E_INVALIDARG, L"Earlier call")).Publish();
+  auto describe = [] {
+    IErrorInfo* info = nullptr;
+    BSTR text = nullptr;
+    if (GetErrorInfo(0, &info) != S_OK) return std::wstring(L"<none>");
+    info->GetDescription(&text);
+    std::wstring result(text);
+    SysFreeString(text);
+    info->Release();
+    return result;
+  };
+  EXPECT_EQ(Kestrel::RunAtBoundary(info, [] { Kestrel::ThrowHr(E_INVALIDARG); }), E_INVALIDARG);
+  EXPECT_EQ(describe().find(L"Earlier call"), std::wstring::npos);
+  EXPECT_EQ(Kestrel::RunAtBoundary(info,
+                                   [] {
+                                     HRX(E_INVALIDARG, errData(E_INVALIDARG, L"Inner component")).Publish();
+                                     Kestrel::ThrowHr(E_INVALIDARG);
+                                   }),
+            E_INVALIDARG);
+  EXPECT_EQ(describe().rfind(L"0x80070057 Inner component [", 0), 0u);
+}
+
+// Keeps the lines the logger writes while it lives.
+struct LineCapture final : VHLogger::Detail::ILogWriter {
+  LineCapture() { VHLogger::AddLogWriter(this); }
+  ~LineCapture() override { VHLogger::RemoveLogWriter(this); }
+  void Write(const wchar_t* text, std::size_t length) noexcept override {
+    const std::lock_guard<std::mutex> lock(mutex);
+    lines.emplace_back(text, length);
+  }
+  std::mutex mutex;
+  std::vector<std::wstring> lines;
+};
+
+template <typename I>
+I* Create(const GUID& clsid) {
+  void* out = nullptr;
+  EXPECT_EQ(GetComponentsModule().CreateComponent(&clsid, &I::IID, &out), S_OK);
+  return static_cast<I*>(out);
+}
+
+TEST(Boundary, RepeatedFailuresStayShortAndOwnTheirTextsOneLineEach) {
+  // A watch group with the warning bound below the stop bound, and a request
+  // name that tries to write a line of its own.
+  NodePtr config, group;
+  const std::int32_t warning = 5, stop = 10;
+  group.SetAttribute(L"FreeSpaceWarningLowerBoundGB", VHN_TYPE_INT32, &warning, sizeof(warning));
+  group.SetAttribute(L"FreeSpaceStopServicesLowerBoundGB", VHN_TYPE_INT32, &stop, sizeof(stop));
+  config.AddChild(group);
+  NodePtr request;
+  request.SetName(L"Bogus\r\n2026-01-01 00:00:00.000 | CRIT |    1     1 | Forged:1                       | x");
+  auto* watcher = Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher);
+  auto* manager = Create<IVHRequestProcessor>(WatchDog64::CLSID_ProcessManager);
+  ASSERT_TRUE(watcher && manager);
+
+  std::wstring lastLine, lastDescription;
+  std::size_t lineCount = 0, forged = 0, unterminated = 0;
+  std::wstring traceLine, failureLine, nameLine;
+  {
+    LineCapture capture;
+    // 2,000 failing calls with the same code; the host never reads the
+    // error information in between.
+    for (int i = 0; i < 1000; ++i) {
+      ASSERT_EQ(watcher->Configure(config.Get()), E_INVALIDARG);
+      HVHNODE response = nullptr;
+      ASSERT_EQ(manager->ProcessRequest(request.Get(), &response), E_INVALIDARG);
+    }
+    IErrorInfo* info = nullptr;
+    ASSERT_EQ(GetErrorInfo(0, &info), S_OK);
+    BSTR text = nullptr;
+    info->GetDescription(&text);
+    lastDescription = text;
+    SysFreeString(text);
+    info->Release();
+    const std::lock_guard<std::mutex> lock(capture.mutex);
+    lineCount = capture.lines.size();
+    for (const std::wstring& line : capture.lines) {
+      if (line.compare(24, 8, L"| CRIT |") == 0) ++forged;  // a line of its own tagged CRIT
+      if (line.find(L" failed: ") != std::wstring::npos) lastLine = line;
+      if (line.size() < 2 || line.find(L"\r\n") != line.size() - 2) ++unterminated;
+      if (traceLine.empty() && line.find(L"Entering: CProcessManager::ProcessRequest") != std::wstring::npos)
+        traceLine = line;
+      if (failureLine.empty() && line.find(L"CProcessManager::ProcessRequest failed: ") != std::wstring::npos)
+        failureLine = line;
+      if (nameLine.empty() && line.find(L"Invalid request name: ") != std::wstring::npos) nameLine = line;
+    }
+  }
+  watcher->Release();
+  manager->Release();
+
+  ASSERT_GT(lineCount, 2000u);
+  EXPECT_LT(lastDescription.size(), 1000u) << lastDescription.size();
+  EXPECT_EQ(lastDescription.find(L"warning bound"), std::wstring::npos) << lastDescription;
+  EXPECT_NE(lastLine.find(L"CProcessManager::ProcessRequest failed: 0x80070057 "), std::wstring::npos) << lastLine;
+  EXPECT_LT(lastLine.size(), 1000u) << lastLine.size();
+  EXPECT_EQ(lastLine.find(L"warning bound"), std::wstring::npos) << lastLine;
+  // The name is written escaped inside its one line.
+  EXPECT_EQ(forged, 0u);
+  EXPECT_NE(nameLine.find(L"Invalid request name: Bogus\\r\\n2026-01-01 00:00:00.000 | CRIT |"), std::wstring::npos)
+      << nameLine;
+  EXPECT_EQ(unterminated, 0u);
+
+  // The trace names the operation's own line, as its failure line does.
+  const std::wregex location(L"\\| (ProcessManagerComponent:[0-9]+) *\\|");
+  std::wsmatch traced, failed;
+  ASSERT_TRUE(std::regex_search(traceLine, traced, location)) << traceLine;
+  ASSERT_TRUE(std::regex_search(failureLine, failed, location)) << failureLine;
+  EXPECT_EQ(traced[1].str(), failed[1].str());
 }
 
 TEST(NodePtr, StringsAroundTheFirstBufferSize) {

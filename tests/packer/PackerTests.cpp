@@ -1,10 +1,14 @@
-// The log packer on real folders (verify_archives.py reads its archives back),
-// and the heartbeat worker thread that Configure starts.
+// The log packer on real folders and with real second processes (killed
+// mid-run, packing at the same time, writing the logs being packed);
+// verify_archives.py reads the archives back and counts what was lost. Also
+// the heartbeat worker thread that Configure starts.
 
 #include <gtest/gtest.h>
 #include <windows.h>
 #include <tlhelp32.h>
+#include <zlib.h>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -18,9 +22,11 @@
 #include "Handle.h"
 #include "LazySingleton.h"
 #include "LogPackerConfiguration.h"
+#include "LogPackerRun.h"
 #include "WatchDogConfiguration.h"
 #include "ZipArchive.h"
 #include "components/ComponentsCommon.h"
+#include "logger/Logger.h"
 #include "logger/detail/LoggerCore.h"
 
 namespace fs = std::filesystem;
@@ -76,22 +82,65 @@ fs::path FreshFolder(const std::wstring& name) {
   return folder;
 }
 
-// A log file and its copy, aged against the local clock as the packer ages it;
-// Wine reports a creation time derived from the write time, so all are set.
-void MakeLog(const fs::path& folder, const std::wstring& name, std::uint64_t size, std::uint64_t age) {
+std::string Utf8(const std::wstring& text) {
+  std::string bytes(text.size() * 4 + 1, '\0');
+  bytes.resize(static_cast<std::size_t>(::WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()),
+                                                              bytes.data(), static_cast<int>(bytes.size()), nullptr,
+                                                              nullptr)));
+  return bytes;
+}
+
+// Appends one line to a UTF-8 manifest that verify_archives.py reads.
+void Manifest(const fs::path& folder, const wchar_t* file, const std::wstring& line) {
+  std::ofstream(folder / file, std::ios::app | std::ios::binary) << Utf8(line) << '\n';
+}
+
+// Log-like lines, varied by `salt` so that deflate has real work to do.
+std::string LogText(std::uint64_t size, std::uint32_t salt) {
+  static const char* const kWords[] = {"request", "handled", "in", "ms", "free", "space", "volume", "session",
+                                       "opened", "closed", "ERR", "INFO", "DBG", "0x80070020", "C:\\Data", "user"};
   std::string text;
-  for (std::uint64_t i = 0; i < size; ++i) text += static_cast<char>(' ' + i * i % 9973 % 95);  // printable, varied
-  std::ofstream(folder / L"logs" / name, std::ios::binary) << text;
-  fs::copy_file(folder / L"logs" / name, folder / L"originals" / name);
+  text.reserve(size + 80);
+  std::uint32_t state = salt * 2654435761u + 1;
+  while (text.size() < size) {
+    text += std::to_string(state % 100000) + ' ';
+    for (int word = 0; word < 8; ++word) {
+      state = state * 1664525u + 1013904223u;
+      text += kWords[state >> 28];
+      text += ' ';
+    }
+    text += "\r\n";
+  }
+  text.resize(size);
+  return text;
+}
+
+void SetAge(const fs::path& path, std::uint64_t age) {
   const std::uint64_t created = Kestrel::GetLocalTimeAsFileTime() - age;
   const FILETIME time{static_cast<DWORD>(created), static_cast<DWORD>(created >> 32)};
-  Handle file(::CreateFileW((folder / L"logs" / name).c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, 0));
-  EXPECT_TRUE(::SetFileTime(file.Get(), &time, &time, &time)) << name;
+  Handle file(::CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS,
+                            nullptr));  // folders too
+  EXPECT_TRUE(::SetFileTime(file.Get(), &time, &time, &time)) << path;
+}
+
+// A log file and its copy, aged against the local clock as the packer ages it;
+// Wine reports a creation time derived from the write time, so all are set.
+void MakeLog(const fs::path& folder, const std::wstring& name, std::uint64_t size, std::uint64_t age,
+             std::uint32_t salt = 0) {
+  const std::string text = LogText(size, salt);
+  std::ofstream(folder / L"logs" / name, std::ios::binary) << text;
+  std::ofstream(folder / L"originals" / name, std::ios::binary) << text;
+  SetAge(folder / L"logs" / name, age);
+}
+
+std::string ReadAll(const fs::path& path) {
+  std::ifstream stream(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(stream), {});
 }
 
 bool Untouched(const fs::path& folder, const std::wstring& name) {
-  std::error_code error;
-  return fs::file_size(folder / L"logs" / name, error) == fs::file_size(folder / L"originals" / name);
+  return fs::is_regular_file(folder / L"logs" / name) &&
+         ReadAll(folder / L"logs" / name) == ReadAll(folder / L"originals" / name);
 }
 
 // Plain files matching `mask`, in the order the folder lists them.
@@ -113,10 +162,16 @@ std::wstring TheArchive(const fs::path& folder) {
 }
 
 // One expected entry for verify_archives.py, paths relative to `folder`: by
-// default the copy under originals\; "*" marks an entry a failed run left unfinished.
+// default the copy under originals\; "=SIZE:CRC" for an entry checked by its
+// size and CRC only.
 void ExpectEntry(const fs::path& folder, const std::wstring& zip, const std::wstring& entry, std::wstring copy = {}) {
-  std::wofstream(folder / L"manifest.tsv", std::ios::app)
-      << zip << L'\t' << entry << L'\t' << (copy.empty() ? L"originals\\" + entry : copy) << L'\n';
+  Manifest(folder, L"manifest.tsv", zip + L'\t' + entry + L'\t' + (copy.empty() ? L"originals\\" + entry : copy));
+}
+
+// An original that must survive: whole in logs\ or byte-identical in one of
+// the folder's archives ("once": in exactly one place; "any": duplicates allowed).
+void ExpectSurvivor(const fs::path& folder, const std::wstring& name, const wchar_t* mode) {
+  Manifest(folder, L"survivors.tsv", name + L"\toriginals\\" + name + L'\t' + mode);
 }
 
 // Keeps the module's error lines per source while it lives.
@@ -124,19 +179,21 @@ class LogCapture final : VHLogger::Detail::IFormatter {
  public:
   LogCapture() { VHLogger::GetLogger().SetFormatter(this); }
   ~LogCapture() override { VHLogger::GetLogger().SetFormatter(nullptr); }
-  Lines Errors(const std::wstring& source) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_errors[source];
-  }
+  Lines Errors(const std::wstring& source) const { return Get(2, source); }
+  Lines Warnings(const std::wstring& source) const { return Get(3, source); }
 
  private:
   void Format(std::wstring&, unsigned severity, const wchar_t* source, unsigned number, std::wstring_view message,
               int, const SYSTEMTIME*) const override {
     std::lock_guard<std::mutex> lock(m_mutex);  // the worker thread logs too
-    if (severity == 2) m_errors[source ? source : L""].emplace_back(number, message);
+    if (severity == 2 || severity == 3) m_lines[{severity, source ? source : L""}].emplace_back(number, message);
+  }
+  Lines Get(unsigned severity, const std::wstring& source) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_lines[{severity, source}];
   }
   mutable std::mutex m_mutex;
-  mutable std::map<std::wstring, Lines> m_errors;
+  mutable std::map<std::pair<unsigned, std::wstring>, Lines> m_lines;
 };
 
 // Threads of this process, by Toolhelp snapshot.
@@ -149,6 +206,51 @@ std::size_t CountThreads() {
     count += entry.th32OwnerProcessID == ::GetCurrentProcessId();
   }
   return count;
+}
+
+// Starts a program of the build's bin folder; its output goes nowhere.
+Handle Start(const std::wstring& program, const std::wstring& arguments) {
+  wchar_t self[MAX_PATH];
+  ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+  const fs::path path = fs::path(self).parent_path() / program;
+  std::wstring command = L"\"" + path.wstring() + L"\" " + arguments;
+  SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
+  Handle nul(::CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, OPEN_EXISTING, 0, 0));
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = startup.hStdError = nul.Get();
+  PROCESS_INFORMATION info{};
+  EXPECT_TRUE(::CreateProcessW(path.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                               &info))
+      << command;
+  ::CloseHandle(info.hThread);
+  return Handle(info.hProcess);
+}
+
+// This program again, packing `logs` once (LogPackerChild below); it sets the
+// named event `ready` just before the run starts.
+Handle StartPackingChild(const fs::path& logs, const std::wstring& ready = {}) {
+  ::SetEnvironmentVariableW(L"WD64_PACK_CHILD_LOGS", logs.c_str());
+  ::SetEnvironmentVariableW(L"WD64_PACK_CHILD_READY", ready.empty() ? nullptr : ready.c_str());
+  wchar_t self[MAX_PATH];
+  ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+  Handle child = Start(fs::path(self).filename(), L"--gtest_filter=LogPackerChild.* --gtest_brief=1");
+  ::SetEnvironmentVariableW(L"WD64_PACK_CHILD_LOGS", nullptr);
+  ::SetEnvironmentVariableW(L"WD64_PACK_CHILD_READY", nullptr);
+  return child;
+}
+
+DWORD WaitForExit(const Handle& process) {
+  ::WaitForSingleObject(process.Get(), INFINITE);
+  DWORD code = 0;
+  ::GetExitCodeProcess(process.Get(), &code);
+  return code;
+}
+
+std::vector<std::wstring> PackerOwnFiles(const fs::path& logs) {
+  auto names = ListFiles(logs, L"~wd64*");
+  return names;
 }
 
 }  // namespace
@@ -170,19 +272,65 @@ TEST(DirectoryEnumerator, EmptyMatchStopAndSearchHandleRelease) {
   EXPECT_TRUE(::RemoveDirectoryW(folder.c_str()));
 }
 
-TEST(ZipArchive, ArchiveThatCannotBeCreatedIsLoggedAndRaisedAsEFail) {
+TEST(ZipArchive, ArchiveThatCannotBeCreatedFailsAndASourceThatCannotBeReadIsReported) {
   const auto folder = FreshFolder(L"zip-failures");
   LogCapture capture;
   const auto open = [&] { Kestrel::CZipArchive archive((folder / L"absent" / L"a.zip").wstring()); };
   EXPECT_EQ(Kestrel::RunAtBoundary({L"Open", L"PackerTests", 0}, open), E_FAIL);
   EXPECT_EQ(capture.Errors(L"ZipArchive"),
             (Lines{{126, L"Couldn't open a .ZIP archive file for writing"}, {127, L"zipOpen return code: TBD"}}));
+
+  // A source that refuses reads: the entry ends short (here empty), the
+  // archive stays whole, and the caller learns the file was not packed.
+  MakeLog(folder, L"unread.log", 5000, 0);
+  MakeLog(folder, L"read.log", 5000, 0);
+  const auto source = [&](const wchar_t* name, DWORD access) {
+    return Handle(::CreateFileW((folder / L"logs" / name).c_str(), access, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                0, nullptr));
+  };
+  {
+    Kestrel::CZipArchive archive((folder / L"logs" / L"a.zip").wstring());
+    EXPECT_FALSE(archive.Write(source(L"unread.log", FILE_READ_ATTRIBUTES).Get(), L"unread.log", L"unread.log", 5000));
+    EXPECT_TRUE(archive.Write(source(L"read.log", GENERIC_READ).Get(), L"read.log", L"read.log", 5000));
+    archive.Close();
+  }
+  const auto lines = capture.Errors(L"ZipArchive");
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_EQ(lines[2], std::make_pair(43u, std::wstring(L"Couldn't read file to be written to a .ZIP file")));
+  EXPECT_EQ(lines[3], std::make_pair(44u, std::wstring(L"Input file path: unread.log")));
+  ExpectEntry(folder, L"logs\\a.zip", L"unread.log", L"=0:00000000");
+  ExpectEntry(folder, L"logs\\a.zip", L"read.log");
 }
 
-TEST(LogPackerRules, ArchiveNameAndFutureCreationTime) {
+TEST(LogPackerRules, ArchiveNamesLimitsAndPackerOwnNames) {
+  using namespace Kestrel::Detail;
   EXPECT_EQ(ArchiveName({2026, 1, 5, 2, 9, 5, 7, 999}), L"logs_20260102090507.zip");
+  EXPECT_EQ(NumberedArchiveName(L"logs_20260102090507.zip", 1), L"logs_20260102090507.zip");
+  EXPECT_EQ(NumberedArchiveName(L"logs_20260102090507.zip", 2), L"logs_20260102090507_2.zip");
   const std::uint64_t now = 133'000'000'000'000'000ull;
-  EXPECT_TRUE(Kestrel::Detail::IsTooOld(now, now + 1000, 24));  // created "after now" wraps to a huge age
+  EXPECT_TRUE(IsTooOld(now, now + 1000, 24));  // created "after now" wraps to a huge age
+  // Limits whose ticks or bytes overflow 64 bits mean no limit.
+  EXPECT_TRUE(IsTooOld(now, now + 1000, UINT64_MAX / kHour));
+  EXPECT_FALSE(IsTooOld(now, now + 1000, UINT64_MAX / kHour + 1));
+  EXPECT_TRUE(IsTooLarge(UINT64_MAX, (1ull << 44) - 1));
+  EXPECT_FALSE(IsTooLarge(UINT64_MAX, 1ull << 44));
+  EXPECT_FALSE(IsTooLarge(UINT64_MAX, UINT64_MAX));
+
+  const std::wstring moved = MovedName(0x01DC5A0012345678ull, L"app.log");
+  EXPECT_EQ(moved, L"~wd64pack.01DC5A0012345678.app.log");
+  EXPECT_EQ(OriginalOfMoved(moved), L"app.log");
+  EXPECT_EQ(OriginalOfMoved(L"~wd64pack.notahexnumber00.app.log"), L"");
+  EXPECT_EQ(OriginalOfMoved(L"app.log"), L"");
+  EXPECT_TRUE(IsPackerOwnName(L"~WD64ZIP.01DC5A0012345678.tmp"));
+  EXPECT_FALSE(IsPackerOwnName(L"app.log"));
+  EXPECT_EQ(FolderGuardName(L"C:\\Data\\Logs"), FolderGuardName(L"c:\\data\\LOGS\\"));
+  EXPECT_NE(FolderGuardName(L"C:\\Data\\Logs"), FolderGuardName(L"C:\\Data\\Logs2"));
+
+  bool bUtf8 = true;
+  EXPECT_EQ(EntryNameBytes(L"app.log", bUtf8), "app.log");
+  EXPECT_FALSE(bUtf8);
+  EXPECT_EQ(EntryNameBytes(L"\u0101pp.log", bUtf8), "\xC4\x81pp.log");  // never best-fit "app.log"
+  EXPECT_TRUE(bUtf8);
 }
 
 TEST(LogPackerConfiguration, NodeLackingAKeyKeepsEarlierSettings) {
@@ -226,59 +374,235 @@ TEST(LogPackerRun, PacksExactlyTheOldAndLargeLogsAndDeletesThem) {
     if (packed.count(name) != 0) ExpectEntry(folder, archive, name);
     EXPECT_EQ(packed.count(name) != 0 ? !fs::exists(folder / L"logs" / name) : Untouched(folder, name), true) << name;
   }
+  EXPECT_EQ(PackerOwnFiles(folder / L"logs"), std::vector<std::wstring>{});
 
-  ::Sleep(1100);  // a second archive would get a name of its own
+  // Nothing selected: no archive. Then runs within one second each get an
+  // archive of their own; none is replaced.
   ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 1)), S_OK);
   EXPECT_EQ(ListFiles(folder / L"logs", L"logs_*.zip").size(), 1u);
+  for (int run = 0; run < 3; ++run) {
+    MakeLog(folder, L"again" + std::to_wstring(run) + L".log", 2000 + run, 48 * kHour, run);
+    ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 1)), S_OK);
+    ExpectSurvivor(folder, L"again" + std::to_wstring(run) + L".log", L"once");
+  }
+  EXPECT_EQ(ListFiles(folder / L"logs", L"logs_*.zip").size(), 4u);
 }
 
-TEST(LogPackerRun, FailingRunsNeverDeleteUnpackedFiles) {
-  const auto folder = FreshFolder(L"packer-failures");
+TEST(LogPackerRun, SkipsWhatCannotBePackedAndTakesNamesAsFound) {
+  const auto folder = FreshFolder(L"packer-names-\u0438\u043C\u0435\u043D\u0430");  // archives on a wide path
+  const auto logs = folder / L"logs";
   LogCapture capture;
   EXPECT_EQ(PackOnce(PackerNode(folder / L"absent", 24, 1)), static_cast<HRESULT>(0x80070003));
   const auto errors = capture.Errors(L"LogPackerComponent");
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0].second.rfind(L"CLogPackerComponent::ProcessRequest failed: 0x80070003", 0), 0u);
 
-  // Too large for one entry: the run fails unread and the file stays (sparse:
-  // 4 GiB that take no disk space).
-  const auto huge = folder / L"logs" / L"huge.log";
-  std::ofstream{huge};
-  fs::resize_file(huge, 1ull << 32);
-  EXPECT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 100)), E_FAIL);
-  EXPECT_EQ(fs::file_size(huge), 1ull << 32);
-  const auto lines = capture.Errors(L"ZipArchive");
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].first, 43u);
-  EXPECT_NE(lines[2].second.find(L"4294967296"), std::wstring::npos) << lines[2].second;
-  ExpectEntry(folder, TheArchive(folder), L"huge.log", L"*");
-  fs::remove(huge);
+  // Found names are used as found: "%COMPUTERNAME%.log" is packed, the file
+  // its expansion names is not; "āpp.log" is not "app.log".
+  wchar_t computer[MAX_COMPUTERNAME_LENGTH + 1];
+  DWORD length = MAX_COMPUTERNAME_LENGTH + 1;
+  ASSERT_TRUE(::GetComputerNameW(computer, &length));
+  const std::wstring expanded = std::wstring(computer) + L".log";
+  const std::wstring oldNames[] = {L"%COMPUTERNAME%.log", L"\u0101pp.log", L"\u0436\u0443\u0440\u043D\u0430\u043B.log",
+                                   L"held.log", L"old.txt"};
+  for (const auto& name : oldNames) MakeLog(folder, name, 3000 + name.size(), 48 * kHour, name[0]);
+  for (const auto& name : {expanded, std::wstring(L"app.log")}) MakeLog(folder, name, 1000, 0);
+  fs::create_directories(logs / L"sub.log");
+  SetAge(logs / L"sub.log", 48 * kHour);
+
+  // Another process holds held.log with no sharing at all until it is killed.
+  Handle holder = Start(L"test_helper.exe", L"lock \"" + (logs / L"held.log").wstring() + L"\" 60000");
+  for (int i = 0; i < 500; ++i) {
+    Handle probe(::CreateFileW((logs / L"held.log").c_str(), DELETE, 7, nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!probe) break;
+    probe.Reset();
+    ::Sleep(10);
+  }
+  const auto found = ListFiles(logs, L"*");
+  ASSERT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*")), S_OK);  // "*" also finds ".", ".." and sub.log
+  const auto first = TheArchive(folder);
+  for (const auto& name : found) {
+    if (name == L"held.log") {
+      EXPECT_EQ(fs::file_size(logs / name), fs::file_size(folder / L"originals" / name));  // unreadable while held
+    } else if (name == expanded || name == L"app.log") {
+      EXPECT_TRUE(Untouched(folder, name)) << name;
+    } else {
+      ExpectEntry(folder, first, name);
+      EXPECT_FALSE(fs::exists(logs / name));
+    }
+  }
+  EXPECT_TRUE(fs::is_directory(logs / L"sub.log"));
+  const auto warnings = capture.Warnings(L"LogPacker");
+  ASSERT_EQ(warnings.size(), 1u);
+  EXPECT_NE(warnings[0].second.find(L"\"held.log\""), std::wstring::npos) << warnings[0].second;
+
+  // Let go, it goes with the next run.
+  ::TerminateProcess(holder.Get(), 0);
+  WaitForExit(holder);
+  ::Sleep(1100);
+  ASSERT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*")), S_OK);
+  const auto archives = ListFiles(logs, L"logs_*.zip");
+  ASSERT_EQ(archives.size(), 2u);
+  ExpectEntry(folder, L"logs\\" + archives[1], L"held.log");
+  EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
 }
 
-TEST(LogPackerRun, FileVanishingBeforePackingEndsTheRun) {
-  auto& packer = Packer::Instance();
-  const auto folder = FreshFolder(L"packer-vanished");
-  for (const wchar_t* name : {L"one.log", L"two.log", L"three.log"}) MakeLog(folder, name, 40000, 48 * kHour);
-  packer.Configure(PackerNode(folder / L"logs", 24, 100).Get());
-  const auto selected = packer.SelectFiles();
-  ASSERT_EQ(selected.size(), 3u);
-  ASSERT_TRUE(::DeleteFileW(selected[1].c_str()));
-  LogCapture capture;
-  // The archive is closed while the read failure unwinds: reported, not
-  // thrown, or the process would end here.
-  EXPECT_THROW(packer.PackFiles(selected), Kestrel::HRX);
-  const auto lines = capture.Errors(L"ZipArchive");
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0], std::make_pair(43u, std::wstring(L"Couldn't read file to be written to a .ZIP file")));
-  EXPECT_EQ(lines[1], std::make_pair(44u, L"Input file path: " + selected[1].String()));
+// A second process for the fault tests: packs the folder they name.
+TEST(LogPackerChild, PacksTheFolderNamedInTheEnvironment) {
+  const wchar_t* logs = ::_wgetenv(L"WD64_PACK_CHILD_LOGS");
+  if (logs == nullptr) GTEST_SKIP() << "started by the fault tests as a second process";
+  if (const wchar_t* ready = ::_wgetenv(L"WD64_PACK_CHILD_READY")) {
+    Handle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, ready));
+    ::SetEvent(event.Get());
+  }
+  EXPECT_EQ(PackOnce(PackerNode(logs, 24, 100)), S_OK);
+}
 
-  // What was packed stays deleted; what comes after is untouched.
-  const auto name = [&](int i) { return Kestrel::GetFileNamePart(selected[i]).String(); };
-  EXPECT_FALSE(fs::exists(selected[0].String()));
-  EXPECT_TRUE(Untouched(folder, name(2)));
-  const auto archive = TheArchive(folder);
-  ExpectEntry(folder, archive, name(0));
-  ExpectEntry(folder, archive, name(1), L"*");
+// A second process for the live-log test: numbered lines through the module's
+// own file logger, into the folder GS_Logger_Path names.
+TEST(LogPackerChild, WritesNumberedLinesToTheModuleLog) {
+  const wchar_t* count = ::_wgetenv(L"WD64_LOG_CHILD_LINES");
+  if (count == nullptr) GTEST_SKIP() << "started by the live-log test as a second process";
+  for (unsigned long i = 0, n = std::wcstoul(count, nullptr, 10); i < n; ++i) {
+    VH_LOG(VHLogger::SEV_INFO, L"LiveLog", L"wdlog " << i);
+    ::Sleep(1);
+  }
+}
+
+TEST(LogPackerFaults, RunsKilledAtAnyMomentLoseNothing) {
+  const auto folder = FreshFolder(L"packer-kills");
+  const std::wstring ready = L"Local\\wd64-pack-ready-" + std::to_wstring(::GetCurrentProcessId());
+  Handle event(::CreateEventW(nullptr, TRUE, FALSE, ready.c_str()));
+  std::vector<std::wstring> names;
+  std::uint64_t bytesWaiting = 0;
+  double msPerMiB = 0;  // learnt from the first run, left to finish
+  int killed = 0;
+  for (int round = 0; round <= 20; ++round) {
+    for (int k = 0; k < 3; ++k) {
+      names.push_back(L"r" + std::to_wstring(round) + L"-" + std::to_wstring(k) + L".log");
+      MakeLog(folder, names.back(), kMiB + 37000u * (round + k), 30 * kHour, round * 3 + k);
+      bytesWaiting += kMiB + 37000u * (round + k);
+    }
+    ::ResetEvent(event.Get());
+    Handle child = StartPackingChild(folder / L"logs", ready);
+    const HANDLE waits[] = {event.Get(), child.Get()};
+    ::WaitForMultipleObjects(2, waits, FALSE, INFINITE);
+    const DWORD start = ::GetTickCount();
+    if (round == 0) {
+      EXPECT_EQ(WaitForExit(child), 0u);
+      msPerMiB = (::GetTickCount() - start) / (bytesWaiting / double(kMiB));
+      bytesWaiting = 0;
+      continue;
+    }
+    // Spread over a run's whole length: the start, the entries, publishing
+    // the archive and the deletes, and a little after.
+    const double share = std::fmod(round * 0.618034, 1.0) * 1.2;
+    ::Sleep(static_cast<DWORD>(share * msPerMiB * (bytesWaiting / double(kMiB))));
+    if (::WaitForSingleObject(child.Get(), 0) == WAIT_TIMEOUT && ::TerminateProcess(child.Get(), 9)) {
+      ++killed;
+    } else {
+      bytesWaiting = 0;
+    }
+    WaitForExit(child);
+  }
+  std::printf("[          ] a run took %.0f ms a MiB; %d of 20 runs killed before they finished\n", msPerMiB, killed);
+  std::printf("[          ] %d of 20 runs killed before they finished\n", killed);
+  ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 100)), S_OK);  // the clean run
+  for (const auto& name : names) ExpectSurvivor(folder, name, L"any");
+  EXPECT_EQ(ListFiles(folder / L"logs", L"*.log"), std::vector<std::wstring>{});
+  EXPECT_EQ(PackerOwnFiles(folder / L"logs"), std::vector<std::wstring>{});
+}
+
+TEST(LogPackerFaults, TwoProcessesPackingOneFolderShareNoFile) {
+  const auto folder = FreshFolder(L"packer-two");
+  std::vector<std::wstring> names;
+  for (int trial = 0; trial < 3; ++trial) {
+    for (int k = 0; k < 8; ++k) {
+      names.push_back(L"t" + std::to_wstring(trial) + L"-" + std::to_wstring(k) + L".log");
+      MakeLog(folder, names.back(), 200000 + 1000 * k, 30 * kHour, trial * 8 + k);
+    }
+    Handle first = StartPackingChild(folder / L"logs");
+    Handle second = StartPackingChild(folder / L"logs");
+    EXPECT_EQ(WaitForExit(first), 0u);
+    EXPECT_EQ(WaitForExit(second), 0u);
+  }
+
+  // While another process holds the folder's guard, a run waits and touches
+  // nothing (whatever the timing, a run that did not wait would show here).
+  MakeLog(folder, L"guarded.log", 1000, 30 * kHour);
+  names.push_back(L"guarded.log");
+  const std::wstring guardName = Kestrel::Detail::FolderGuardName((folder / L"logs").wstring());
+  Handle guard(::CreateMutexW(nullptr, TRUE, (L"Global\\" + guardName).c_str()));
+  ASSERT_TRUE(guard.IsValid());
+  Handle waiting = StartPackingChild(folder / L"logs");
+  EXPECT_EQ(::WaitForSingleObject(waiting.Get(), 3000), static_cast<DWORD>(WAIT_TIMEOUT));
+  EXPECT_TRUE(Untouched(folder, L"guarded.log"));
+  EXPECT_EQ(PackerOwnFiles(folder / L"logs"), std::vector<std::wstring>{});
+  ::ReleaseMutex(guard.Get());
+  EXPECT_EQ(WaitForExit(waiting), 0u);
+
+  for (const auto& name : names) ExpectSurvivor(folder, name, L"once");
+  EXPECT_EQ(ListFiles(folder / L"logs", L"*.log"), std::vector<std::wstring>{});
+}
+
+TEST(LogPackerFaults, LogsBeingWrittenLoseNoLine) {
+  const auto folder = FreshFolder(L"packer-live");
+  const auto logs = folder / L"logs";
+  // One writer keeps its handle and reopens it every 5 s, one opens the file
+  // for every line; both share read, write and delete.
+  Handle keep = Start(L"test_helper.exe", L"append \"" + (logs / L"keep.log").wstring() + L"\" keep 5000 keep");
+  Handle line = Start(L"test_helper.exe", L"append \"" + (logs / L"line.log").wstring() + L"\" line 2500 line");
+  // And the module's own logger, which keeps its handle for 5 s.
+  ::SetEnvironmentVariableW(L"GS_Logger_Path", logs.c_str());
+  ::SetEnvironmentVariableW(L"WD64_LOG_CHILD_LINES", L"4000");
+  wchar_t self[MAX_PATH];
+  ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+  Handle module = Start(fs::path(self).filename(), L"--gtest_filter=LogPackerChild.WritesNumbered*");
+  ::SetEnvironmentVariableW(L"GS_Logger_Path", nullptr);
+  ::SetEnvironmentVariableW(L"WD64_LOG_CHILD_LINES", nullptr);
+  const NodePtr node = PackerNode(logs, 24, 0);  // every file with a byte in it
+  for (int run = 0; run < 10; ++run) {
+    ::Sleep(600);
+    EXPECT_EQ(PackOnce(node), S_OK);
+  }
+  EXPECT_EQ(WaitForExit(keep), 0u);
+  EXPECT_EQ(WaitForExit(line), 0u);
+  EXPECT_EQ(WaitForExit(module), 0u);
+  // Moved files wait for their writers to let go, and one generation of a
+  // name goes into an archive: a few more runs take the rest.
+  for (int run = 0; run < 3; ++run) EXPECT_EQ(PackOnce(node), S_OK);
+  EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
+  Manifest(folder, L"lines.tsv", L"keep\t5000");
+  Manifest(folder, L"lines.tsv", L"line\t2500");
+  Manifest(folder, L"lines.tsv", L"wdlog\t4000\tutf-16");  // the module log is UTF-16
+}
+
+// 5 GiB of sparse disk and about a minute: run by hand with WD64_PACKER_HUGE=1.
+TEST(LogPackerHuge, FiveGiBLogBecomesOneZip64Entry) {
+  if (::_wgetenv(L"WD64_PACKER_HUGE") == nullptr) GTEST_SKIP() << "set WD64_PACKER_HUGE=1 to run";
+  const auto folder = FreshFolder(L"packer-huge");
+  const auto path = folder / L"logs" / L"huge.log";
+  const std::uint64_t size = 5ull << 30;
+  {
+    std::ofstream stream(path, std::ios::binary);
+    stream << "first line\r\n";
+  }
+  fs::resize_file(path, size - 11);
+  std::ofstream(path, std::ios::binary | std::ios::app) << "last line\r\n";
+  ASSERT_EQ(fs::file_size(path), size);
+  uLong crc = crc32(0, nullptr, 0);
+  {
+    std::ifstream stream(path, std::ios::binary);
+    std::vector<char> buffer(4 * kMiB);
+    while (stream.read(buffer.data(), buffer.size()) || stream.gcount() > 0) {
+      crc = crc32(crc, reinterpret_cast<const Bytef*>(buffer.data()), static_cast<uInt>(stream.gcount()));
+    }
+  }
+  ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 100)), S_OK);
+  EXPECT_FALSE(fs::exists(path));
+  wchar_t expected[64];
+  std::swprintf(expected, 64, L"=%llu:%08lx", static_cast<unsigned long long>(size), static_cast<unsigned long>(crc));
+  ExpectEntry(folder, TheArchive(folder), L"huge.log", expected);
 }
 
 TEST(WatchDogRefreshRule, ElapsedWrappedAndNegativeIntervals) {

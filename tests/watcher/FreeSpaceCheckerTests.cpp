@@ -5,10 +5,14 @@
 
 #include <limits>
 #include <map>
+#include <mutex>
+#include <set>
 
 #include "ErrorHandling.h"
 #include "FreeSpaceChecker.h"
 #include "ModulePath.h"
+#include "logger/Logger.h"
+#include "logger/detail/LogInterfaces.h"
 #include "subsystems/auditarchive/common/storage_path_toolset.h"
 
 using namespace Kestrel::Detail;
@@ -76,14 +80,86 @@ TEST(FreeSpaceChecker, ReportsByStateAndResendTimeoutAcrossATickWrap) {
   }
 }
 
+TEST(FreeSpaceChecker, ResendHoldsBackThroughThePeriodThatCrossesTheWrap) {
+  // Sent 4,096 ms before the tick counter wraps, with a 5,000 ms timeout:
+  // every cycle up to 4,999 ms later is held back, on both sides of the wrap.
+  const DWORD sent = 0xFFFFF000u;
+  auto checker = MakeChecker(5000, sent - 10);
+  const auto critical = Samples({{L"C:\\", 1 * kMB}});
+  EXPECT_EQ(checker.Evaluate(critical, sent).eventId, kCritical);
+  for (const DWORD later : {1u, 100u, 4095u, 4096u, 4097u, 4999u}) {
+    const auto decision = checker.Evaluate(critical, sent + later);
+    EXPECT_EQ(decision.eventId, 0u) << later;
+    EXPECT_TRUE(decision.bStopServices) << later;
+  }
+  EXPECT_EQ(checker.Evaluate(critical, sent + 5000).eventId, kCritical);
+  // The same for a warning sent just before the wrap.
+  auto warned = MakeChecker(3000, 0xFFFFFF00u);
+  const auto low = Samples({{L"C:\\", 150 * kMB}});
+  EXPECT_EQ(warned.Evaluate(low, 0xFFFFFFF0u).eventId, kWarning);
+  EXPECT_EQ(warned.Evaluate(low, 0xFFFFFFFFu).eventId, 0u);
+  EXPECT_EQ(warned.Evaluate(low, 0x00000010u).eventId, 0u);
+  EXPECT_EQ(warned.Evaluate(low, 0xFFFFFFF0u + 2999u).eventId, 0u);
+  EXPECT_EQ(warned.Evaluate(low, 0xFFFFFFF0u + 3000u).eventId, kWarning);
+}
+
+// Lines of the watcher's source, as "TAG|message".
+struct WatcherLines final : VHLogger::Detail::ILogWriter {
+  WatcherLines() { VHLogger::AddLogWriter(this); }
+  ~WatcherLines() override { VHLogger::RemoveLogWriter(this); }
+  void Write(const wchar_t* text, std::size_t length) noexcept override {
+    const std::wstring line(text, length);
+    if (line.find(L"| FreeSpaceWatcher:") == std::wstring::npos) return;
+    const std::lock_guard<std::mutex> lock(mutex);
+    lines.push_back(line.substr(26, 4) + L"|" + line.substr(line.find(L"|", 60) + 2));
+  }
+  std::mutex mutex;
+  std::vector<std::wstring> lines;
+};
+
+TEST(FreeSpaceChecker, AnUnreadablePathIsAWarningOnceAndItsRecoveryNews) {
+  std::set<std::wstring> unreadable;
+  bool bMissing = true;
+  auto query = [&](const std::wstring& path) -> std::uint64_t {
+    if (path == L"X:\\gone-\u65E5\u672C" && bMissing) Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
+    return 500 * kMB;
+  };
+  WatcherLines log;
+  const PathList paths = Names({L"X:\\gone-\u65E5\u672C", L"C:\\ok"});
+  for (int cycle = 0; cycle < 3; ++cycle) TakeSamples(paths, query, unreadable);
+  bMissing = false;
+  TakeSamples(paths, query, unreadable);
+  TakeSamples(paths, query, unreadable);
+  bMissing = true;
+  TakeSamples(paths, query, unreadable);
+
+  const std::wstring failed = L"Failed to get free space in \"X:\\gone-\u65E5\u672C\": 0x80070003 ";
+  std::vector<std::wstring> tags;
+  for (const std::wstring& line : log.lines) {
+    if (line.find(L"X:\\gone-\u65E5\u672C") == std::wstring::npos) continue;
+    tags.push_back(line.substr(0, 4));
+    if (line[0] == L'W') {
+      EXPECT_EQ(line.find(L"WARN|" + failed), 0u) << line;
+    }
+  }
+  // WARN on the first failing cycle, DBG while it goes on, INFO when it can be
+  // read again, and WARN once more when it fails anew.
+  EXPECT_EQ(tags, (std::vector<std::wstring>{L"WARN", L"DBG ", L"DBG ", L"INFO", L"WARN"}));
+  EXPECT_EQ(unreadable, (std::set<std::wstring>{L"X:\\gone-\u65E5\u672C"}));
+}
+
 // Also shows that the filter and transform under it read each element once.
 TEST(FreeSpaceChecker, SamplesQueryEachPathOnceAndDropFailures) {
   std::map<std::wstring, int> queries;
-  const auto samples = TakeSamples(Names({L"a", L"missing", L"huge", L"a"}), [&](const std::wstring& path) {
-    ++queries[path];
-    if (path == L"missing") Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
-    return path == L"huge" ? std::numeric_limits<std::uint64_t>::max() : std::uint64_t{42 * kMB};
-  });
+  std::set<std::wstring> unreadable;
+  const auto samples = TakeSamples(
+      Names({L"a", L"missing", L"huge", L"a"}),
+      [&](const std::wstring& path) {
+        ++queries[path];
+        if (path == L"missing") Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
+        return path == L"huge" ? std::numeric_limits<std::uint64_t>::max() : std::uint64_t{42 * kMB};
+      },
+      unreadable);
   // Read from the stored samples: no disk is asked again.
   EXPECT_EQ(FormatPathList(samples->GetEnumerator()), L"\"a\" (42 MB), \"huge\" (8796093022207 MB), \"a\" (42 MB)");
   EXPECT_EQ(queries, (std::map<std::wstring, int>{{L"a", 2}, {L"missing", 1}, {L"huge", 1}}));

@@ -29,6 +29,7 @@ enum : std::uint16_t {
   VHN_TYPE_INT64 = 6,           // 8 bytes
   VHN_TYPE_ARRAY = 0x100,       // flag: array of the base type
   VHN_TYPE_STRING_ARRAY = 0x102,  // strings one after another, each ending in a zero
+  VHN_TYPE_INT32_ARRAY = 0x104,   // 4 bytes an entry
   VHN_TYPE_INT64_ARRAY = 0x106,   // 8 bytes an entry
 };
 

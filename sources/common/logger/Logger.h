@@ -114,3 +114,10 @@ void WriteStream(unsigned severity, const CLoggerStream& stream, const wchar_t* 
   VH_LOG_CONCAT_(vhScopeTracer_, __LINE__).emplace(severity, severity, (nameExpr), source, __LINE__)
 
 #define VH_TRACE_SCOPE(source, nameExpr) VH_TRACE_SCOPE_SEV(::VHLogger::SEV_DBG, source, nameExpr)
+
+// The same, for a helper that traces on behalf of its caller: the lines carry
+// the caller's source line rather than the helper's.
+#define VH_TRACE_SCOPE_AT(source, line, nameExpr)                                   \
+  std::optional<::VHLogger::CScopeTracer> VH_LOG_CONCAT_(vhScopeTracer_, __LINE__); \
+  if (::VHLogger::IsEnabled(::VHLogger::SEV_DBG))                                   \
+  VH_LOG_CONCAT_(vhScopeTracer_, __LINE__).emplace(::VHLogger::SEV_DBG, ::VHLogger::SEV_DBG, (nameExpr), source, line)

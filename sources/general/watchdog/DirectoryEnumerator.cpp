@@ -7,6 +7,12 @@
 DirectoryEnumerator::DirectoryEnumerator(Kestrel::CPath pattern) : m_pattern(std::move(pattern)) {}
 
 void DirectoryEnumerator::EnumerateEntries(const EntryCallback& callback) {
+  EnumerateFindData([&callback](const WIN32_FIND_DATAW& data) {
+    return callback(Kestrel::CPath(std::wstring(data.cFileName)));
+  });
+}
+
+void DirectoryEnumerator::EnumerateFindData(const FindDataCallback& callback) {
   WIN32_FIND_DATAW data{};
   m_hSearch.Reset(::FindFirstFileW(m_pattern.c_str(), &data));
   if (!m_hSearch) {
@@ -16,7 +22,7 @@ void DirectoryEnumerator::EnumerateEntries(const EntryCallback& callback) {
     Kestrel::ThrowWin32(error);
   }
   for (;;) {
-    if (!callback(Kestrel::CPath(std::wstring(data.cFileName)))) return;
+    if (!callback(data)) return;
     if (!::FindNextFileW(m_hSearch.Get(), &data)) {
       const DWORD error = ::GetLastError();
       if (error == ERROR_NO_MORE_FILES) return;

@@ -11,6 +11,9 @@ class DirectoryEnumerator {
  public:
   // Receives the entry's name only (no directory); false stops the search.
   using EntryCallback = std::function<bool(const Kestrel::CPath&)>;
+  // Receives the whole find data: the name exactly as found (no expansion),
+  // its attributes, times and size.
+  using FindDataCallback = std::function<bool(const WIN32_FIND_DATAW&)>;
 
   // No search starts yet.
   explicit DirectoryEnumerator(Kestrel::CPath pattern);
@@ -19,7 +22,10 @@ class DirectoryEnumerator {
 
   // Runs the search to its end or until the callback returns false. Nothing
   // is filtered out: ".", "..", folders and hidden files reach the callback.
+  // The names are made CPath values, so their environment references are
+  // expanded; callers that open what they find use EnumerateFindData.
   void EnumerateEntries(const EntryCallback& callback);
+  void EnumerateFindData(const FindDataCallback& callback);
 
  private:
   Kestrel::CPath m_pattern;

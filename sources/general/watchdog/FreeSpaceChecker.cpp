@@ -65,15 +65,27 @@ void StopService(const std::wstring& name) {
   ThrowLastErrorIf(!::ControlService(service.Get(), SERVICE_CONTROL_STOP, &status));
 }
 
-SampleList TakeSamples(const PathList& paths, const std::function<std::uint64_t(const std::wstring&)>& getFreeSpace) {
+SampleList TakeSamples(const PathList& paths, const std::function<std::uint64_t(const std::wstring&)>& getFreeSpace,
+                       std::set<std::wstring>& unreadable) {
   auto queried = AuditArchive::Transform<FreeSpaceSample, std::wstring>(
-      paths->GetEnumerator(), [&getFreeSpace](const std::wstring& path) -> FreeSpaceSample {
+      paths->GetEnumerator(), [&](const std::wstring& path) -> FreeSpaceSample {
         try {
           const std::uint64_t bytes = getFreeSpace(path);
           constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+          if (unreadable.erase(path) != 0) {
+            VH_LOG(VHLogger::SEV_INFO, kSource, L"Free space in \"" << path << L"\" can be read again");
+          }
           return {path, static_cast<std::int64_t>(bytes > kMax ? kMax : bytes)};
         } catch (const HRX& error) {
-          VH_LOG(VHLogger::SEV_DBG, kSource, L"Failed to get free space in \"" << path << L"\": " << error.Text());
+          // A path that cannot be read protects nothing: the administrator
+          // sees it once at WARN, the repeats stay at DBG.
+          if (unreadable.insert(path).second) {
+            VH_LOG(VHLogger::SEV_WARN, kSource,
+                   L"Failed to get free space in \"" << path << L"\": " << error.Text()
+                                                     << L"; the path is not watched until it can be read");
+          } else {
+            VH_LOG(VHLogger::SEV_DBG, kSource, L"Failed to get free space in \"" << path << L"\": " << error.Text());
+          }
           return {path, -1};
         }
       });
@@ -94,14 +106,15 @@ FreeSpaceChecker::FreeSpaceChecker(PathList services, std::int64_t recommendedMi
 
 void FreeSpaceChecker::operator()(const PathList& paths) {
   const DWORD now = ::GetTickCount();
-  const Decision decision = Evaluate(TakeSamples(paths, &QueryFreeSpace), now);
+  const Decision decision = Evaluate(TakeSamples(paths, &QueryFreeSpace, m_unreadablePaths), now);
   if (decision.eventId != 0) EventReporting::ReportEvent(decision.eventId, decision.insertionStrings);
   if (decision.bStopServices) StopServices();
 }
 
 bool FreeSpaceChecker::HoldBack(DWORD now) const noexcept {
-  // Unsigned 32-bit arithmetic: the sum wraps with the tick counter.
-  return now < m_nStateTicks && static_cast<DWORD>(now + m_nResendTimeoutMs) >= m_nStateTicks;
+  // Elapsed time in unsigned 32-bit arithmetic stays right across the wrap
+  // of the tick counter.
+  return static_cast<DWORD>(now - m_nStateTicks) < m_nResendTimeoutMs;
 }
 
 FreeSpaceChecker::Decision FreeSpaceChecker::Evaluate(const SampleList& samples, DWORD now) {
@@ -112,7 +125,7 @@ FreeSpaceChecker::Decision FreeSpaceChecker::Evaluate(const SampleList& samples,
     if (!(m_state == ReportState::CriticalReported && HoldBack(now))) {
       decision.eventId = kEventFreeSpaceCritical;
       decision.insertionStrings = {FormatPathList(belowStop), FormatServiceList(m_pServices->GetEnumerator())};
-      m_nStateTicks = now + m_nResendTimeoutMs;
+      m_nStateTicks = now;
       m_state = ReportState::CriticalReported;
     }
     // Services go down on every critical cycle, also while the event is held
@@ -127,7 +140,7 @@ FreeSpaceChecker::Decision FreeSpaceChecker::Evaluate(const SampleList& samples,
     if (!(bReported && HoldBack(now))) {
       decision.eventId = kEventFreeSpaceLow;
       decision.insertionStrings = {FormatPathList(belowWarning), std::to_wstring(ToMegabytes(m_nRecommendedMinimum))};
-      m_nStateTicks = now + m_nResendTimeoutMs;
+      m_nStateTicks = now;
       m_state = ReportState::WarningReported;
     }
     return decision;
@@ -150,7 +163,9 @@ void FreeSpaceChecker::StopServices() const {
     try {
       StopService(name);
     } catch (const HRX& error) {
-      VH_LOG(VHLogger::SEV_DBG, kSource, L"Failed to stop service \"" << name << L"\": " << error.Text());
+      // At WARN: the critical event says the services are being stopped,
+      // so one that was not must be seen at the usual level.
+      VH_LOG(VHLogger::SEV_WARN, kSource, L"Failed to stop service \"" << name << L"\": " << error.Text());
     }
   });
 }

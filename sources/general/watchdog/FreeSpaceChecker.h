@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -42,9 +43,12 @@ std::uint64_t QueryFreeSpace(const std::wstring& path);
 // Sends the stop control without waiting for the service to stop; raises HRX.
 void StopService(const std::wstring& name);
 
-// Queries every path once, in order; a path whose query fails is logged and
-// dropped. Values above the signed range are clamped to it.
-SampleList TakeSamples(const PathList& paths, const std::function<std::uint64_t(const std::wstring&)>& getFreeSpace);
+// Queries every path once, in order; a path whose query fails is dropped.
+// Values above the signed range are clamped to it. `unreadable` holds the
+// paths that failed before: a path is logged at WARN when it starts failing,
+// at DBG while it goes on failing and at INFO when it can be read again.
+SampleList TakeSamples(const PathList& paths, const std::function<std::uint64_t(const std::wstring&)>& getFreeSpace,
+                       std::set<std::wstring>& unreadable);
 
 class FreeSpaceChecker {
  public:
@@ -66,6 +70,9 @@ class FreeSpaceChecker {
   Decision Evaluate(const SampleList& samples, DWORD now);
 
   ReportState State() const noexcept { return m_state; }
+  // When the current state's event was last sent (or the state last became
+  // Normal); a repeat is held back while less than the resend timeout has
+  // passed since.
   DWORD StateTicks() const noexcept { return m_nStateTicks; }
 
  private:
@@ -79,6 +86,8 @@ class FreeSpaceChecker {
   std::uint32_t m_nResendTimeoutMs;
   ReportState m_state = ReportState::Normal;
   DWORD m_nStateTicks;
+  // Paths whose free space could not be read in the last cycle that asked.
+  std::set<std::wstring> m_unreadablePaths;
 };
 
 // Whether the worker's interval has run out: a tick count that wrapped below

@@ -1,6 +1,5 @@
 #include "FreeSpaceWatcher.h"
 
-#include <chrono>
 #include <exception>
 #include <string>
 #include <vector>
@@ -21,7 +20,7 @@ constexpr std::int32_t kDefaultIntervalSec = 45;
 constexpr std::int32_t kDefaultResendTimeoutSec = 3600;
 constexpr std::int64_t kGigabyte = std::int64_t{1} << 30;
 constexpr std::int64_t kMegabyte = std::int64_t{1} << 20;
-constexpr auto kPollPeriod = std::chrono::milliseconds(50);
+constexpr DWORD kPollPeriodMs = 50;
 
 using Kestrel::Detail::FreeSpaceChecker;
 using Kestrel::Detail::PathList;
@@ -112,13 +111,13 @@ CFreeSpaceWatcher::CFreeSpaceWatcher() { VH_TRACE_SCOPE(kSource, L"CFreeSpaceWat
 
 CFreeSpaceWatcher::~CFreeSpaceWatcher() {
   VH_TRACE_SCOPE(kSource, L"CFreeSpaceWatcher::~CFreeSpaceWatcher");
-  // A host that releases a running watcher without Shutdown would otherwise
-  // end its whole process: destroying a running thread object terminates.
-  if (m_pWorker && m_pWorker->joinable()) {
+  // A host that releases a running watcher without Shutdown must not be left
+  // with a worker reading members that are gone.
+  if (m_worker.IsRunning() && !m_bStop.load()) {
     VH_LOG(VHLogger::SEV_WARN, kSource, L"Released while running; stopping the worker");
-    m_bStop.exchange(true);
-    m_pWorker->join();
   }
+  m_bStop.exchange(true);
+  m_worker.Join();
 }
 
 HRESULT CFreeSpaceWatcher::Configure(HVHNODE config) {
@@ -129,6 +128,17 @@ HRESULT CFreeSpaceWatcher::Configure(HVHNODE config) {
 }
 
 void CFreeSpaceWatcher::ConfigureFrom(HVHNODE config) {
+  std::lock_guard<std::mutex> guard(m_lifecycleLock);
+  if (m_worker.IsStarted()) {
+    // A running worker reads the steps without a lock: they are never
+    // replaced under it. Reconfiguring is Shutdown and a new component.
+    if (!m_bStop.load()) {
+      Kestrel::ThrowHr(Kestrel::HResultFromWin32(ERROR_INVALID_STATE),
+                       L"The watcher is already running; shut it down and create a new one to watch again");
+    }
+    // Shut down and configured again: that worker left its loop at once.
+    m_worker.Join();
+  }
   if (config == nullptr) Kestrel::ThrowHr(E_POINTER);
   const NodePtr node = NodePtr::Duplicate(config);
 
@@ -145,14 +155,14 @@ void CFreeSpaceWatcher::ConfigureFrom(HVHNODE config) {
 
   // The stop flag is left as it is: a watcher that was shut down stays down,
   // and monitoring resumes only in a new component.
-  m_pWorker = std::make_shared<std::thread>([this] { WorkerLoop(); });
+  m_worker.Start([this] { WorkerLoop(); });
 }
 
 void CFreeSpaceWatcher::WorkerLoop() {
   DWORD start = ::GetTickCount();
   while (!m_bStop.load()) {
     if (!Kestrel::Detail::IsIntervalElapsed(start, ::GetTickCount(), m_nIntervalSec)) {
-      std::this_thread::sleep_for(kPollPeriod);
+      ::Sleep(kPollPeriodMs);
       continue;
     }
     try {
@@ -164,7 +174,7 @@ void CFreeSpaceWatcher::WorkerLoop() {
     }
     // Counted from the end of a cycle, so a slow cycle does not eat the pause.
     start = ::GetTickCount();
-    std::this_thread::sleep_for(kPollPeriod);
+    ::Sleep(kPollPeriodMs);
   }
 }
 
@@ -186,11 +196,9 @@ void CFreeSpaceWatcher::PerformSteps(const std::shared_ptr<AuditArchive::IEnumer
 
 HRESULT CFreeSpaceWatcher::Shutdown() {
   VH_TRACE_SCOPE(kSource, L"CFreeSpaceWatcher::Shutdown");
+  std::lock_guard<std::mutex> guard(m_lifecycleLock);
   m_bStop.exchange(true);
-  if (m_pWorker) {
-    m_pWorker->join();
-    m_pWorker.reset();
-  }
+  m_worker.Join();
   m_pSteps.reset();
   return S_OK;
 }

@@ -7,9 +7,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <thread>
+#include <mutex>
 
 #include "components/ComponentsCommon.h"
+#include "components/ModuleThread.h"
 #include "subsystems/auditarchive/common/Enumerable.h"
 
 class CFreeSpaceWatcher : public CComponentClass<CFreeSpaceWatcher, IVHConfigurable, IVHShutdownable> {
@@ -18,10 +19,11 @@ class CFreeSpaceWatcher : public CComponentClass<CFreeSpaceWatcher, IVHConfigura
   using StepList = std::shared_ptr<AuditArchive::IEnumerableSequencer<Step>>;
 
   CFreeSpaceWatcher();
-  // Releases the members only: the host shuts a configured watcher down
-  // before it lets the last reference go.
+  // Stops and waits for a worker the host did not shut down.
   ~CFreeSpaceWatcher() override;
 
+  // Configures once: while the worker runs, a further Configure fails with
+  // HRESULT_FROM_WIN32(ERROR_INVALID_STATE) and leaves it running.
   HRESULT Configure(HVHNODE config) override;
   HRESULT Shutdown() override;
 
@@ -34,5 +36,7 @@ class CFreeSpaceWatcher : public CComponentClass<CFreeSpaceWatcher, IVHConfigura
   std::atomic<bool> m_bStop{false};
   std::int32_t m_nIntervalSec = 45;
   StepList m_pSteps;
-  std::shared_ptr<std::thread> m_pWorker;
+  // Serialises Configure and Shutdown between host threads.
+  std::mutex m_lifecycleLock;
+  Kestrel::CModuleThread m_worker;
 };

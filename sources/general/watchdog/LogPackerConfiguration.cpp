@@ -3,9 +3,8 @@
 #include <cwchar>
 
 #include "DataLayer/NodePtr.h"
-#include "DirectoryEnumerator.h"
 #include "ErrorHandling.h"
-#include "ZipArchive.h"
+#include "LogPackerRun.h"
 
 namespace Kestrel {
 
@@ -25,12 +24,6 @@ std::wstring ReadRequiredString(const NodePtr& node, const wchar_t* sName) {
     ThrowHr(kHrNotFound, L"Required attribute \"" + std::wstring(sName) + L"\" is missing");
   }
   return value;
-}
-
-CPath JoinPath(const CPath& directory, const std::wstring& name) {
-  CPathBuilder builder;
-  builder.Append(directory.String()).Append(L"\\").Append(name);
-  return builder.ToPath();
 }
 
 }  // namespace
@@ -67,40 +60,8 @@ void CLogPackerConfiguration::Configure(HVHNODE config) {
   m_fileMask = std::move(expandedMask);
 }
 
-std::vector<CPath> CLogPackerConfiguration::SelectFiles() const {
-  std::vector<CPath> selected;
-  DirectoryEnumerator enumerator(JoinPath(m_logsDirectory, m_fileMask.String()));
-  enumerator.EnumerateEntries([&](const CPath& name) {
-    CPath fullPath = JoinPath(m_logsDirectory, name.String());
-    const std::uint64_t creationTime = GetFileCreationTime(fullPath);
-    if (Detail::IsTooOld(GetLocalTimeAsFileTime(), creationTime, m_nMaxAgeInHours) ||
-        Detail::IsTooLarge(GetFileSize(fullPath), m_nMaxSizeInMegabytes)) {
-      selected.push_back(std::move(fullPath));
-    }
-    return true;
-  });
-  return selected;
-}
-
-CPath CLogPackerConfiguration::PackFiles(const std::vector<CPath>& files) const {
-  SYSTEMTIME now;
-  ::GetLocalTime(&now);
-  const CPath archivePath = JoinPath(m_logsDirectory, Detail::ArchiveName(now));
-
-  CZipArchive archive(archivePath);
-  for (const CPath& file : files) {
-    archive.Write(file, GetFileNamePart(file));
-    // A file that cannot be deleted stays and is packed again next time.
-    ::DeleteFileW(file.c_str());
-  }
-  archive.Close();
-  return archivePath;
-}
-
-void CLogPackerConfiguration::PackLogs() const {
-  const std::vector<CPath> files = SelectFiles();
-  if (files.empty()) return;
-  PackFiles(files);
+CPath CLogPackerConfiguration::PackLogs() const {
+  return PackLogFolder({m_logsDirectory, m_fileMask, m_nMaxAgeInHours, m_nMaxSizeInMegabytes});
 }
 
 }  // namespace Kestrel

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace Kestrel {
 
@@ -16,6 +17,13 @@ class CPath {
   CPath() = default;
   CPath(const std::wstring& text);  // NOLINT: a path is made from text freely
   CPath(const wchar_t* text);       // NOLINT
+  // A path taken as it is, for names that come from the file system: a file
+  // may well be called "%COMPUTERNAME%.log".
+  static CPath Verbatim(std::wstring text) {
+    CPath path;
+    path.m_sPath = std::move(text);
+    return path;
+  }
 
   const std::wstring& String() const noexcept { return m_sPath; }
   operator const std::wstring&() const noexcept { return m_sPath; }  // NOLINT

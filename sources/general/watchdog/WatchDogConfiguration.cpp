@@ -1,10 +1,10 @@
 #include "WatchDogConfiguration.h"
 
 #include <atomic>
-#include <chrono>
-#include <thread>
+#include <mutex>
 
 #include "ErrorHandling.h"
+#include "components/ModuleThread.h"
 #include "logger/Logger.h"
 
 namespace Kestrel {
@@ -12,25 +12,34 @@ namespace Kestrel {
 namespace {
 
 constexpr wchar_t kSource[] = L"WatchDogConfiguration";
-constexpr auto kSleepStep = std::chrono::milliseconds(50);
+constexpr DWORD kSleepStepMs = 50;
 
 // One worker per process, however many configuration objects or components
 // ask for it.
 struct WorkerState {
+  // Serialises Configure and StopWorkerThread: hosts call them from any
+  // thread, and two workers must never run at once.
+  std::mutex lock;
   std::atomic<std::uint8_t> running{0};
-  std::thread thread;
+  // A native thread that holds the module loaded (and locked) while it runs.
+  // One still running at unload is left to end on its own: joining under
+  // the loader lock could hang.
+  CModuleThread thread;
 
-  // A worker still running at unload is abandoned: joining under the loader
-  // lock could hang, and destroying a joinable thread object ends the process.
-  ~WorkerState() {
-    running = 0;
-    if (thread.joinable()) thread.detach();
-  }
+  ~WorkerState() { running = 0; }
 };
 
 WorkerState& Worker() {
   static WorkerState state;
   return state;
+}
+
+// Stops the worker and waits until it has ended; the caller holds the lock.
+void StopLocked(WorkerState& worker) noexcept {
+  if (worker.running == 1) {
+    worker.running = 0;
+    worker.thread.Join();
+  }
 }
 
 }  // namespace
@@ -45,15 +54,16 @@ void CWatchDogConfiguration::Configure(NodePtr& node) {
     ThrowHr(kHrNotFound, L"Required attribute \"RefreshIntervalSeconds\" is missing");
   }
 
+  WorkerState& worker = Worker();
+  std::lock_guard<std::mutex> guard(worker.lock);
   // The interval is stored only once the old worker is gone: the worker reads
   // it without a lock.
-  StopWorkerThread();
+  StopLocked(worker);
   m_nRefreshIntervalSeconds = interval;
 
-  WorkerState& worker = Worker();
   worker.running = 1;
   try {
-    worker.thread = std::thread(&CWatchDogConfiguration::WorkerLoop, this);
+    worker.thread.Start([this] { WorkerLoop(); });
   } catch (...) {
     worker.running = 0;
     throw;
@@ -63,10 +73,8 @@ void CWatchDogConfiguration::Configure(NodePtr& node) {
 void CWatchDogConfiguration::StopWorkerThread() {
   VH_TRACE_SCOPE(kSource, L"Kestrel::CWatchDogConfiguration::StopWorkerThread");
   WorkerState& worker = Worker();
-  if (worker.running == 1) {
-    worker.running = 0;
-    worker.thread.join();
-  }
+  std::lock_guard<std::mutex> guard(worker.lock);
+  StopLocked(worker);
 }
 
 void CWatchDogConfiguration::WorkerLoop() {
@@ -81,7 +89,7 @@ void CWatchDogConfiguration::WorkerLoop() {
       const auto refresh = [&start] { start = ::GetTickCount(); };
       refresh();
     }
-    std::this_thread::sleep_for(kSleepStep);
+    ::Sleep(kSleepStepMs);
     if (worker.running == 0) return;
   }
 }

@@ -20,7 +20,9 @@ class CWatchDogConfiguration {
   // Reads "RefreshIntervalSeconds" and (re)starts the worker. A missing key
   // raises 0x80070490 and leaves the interval and a running worker alone.
   void Configure(NodePtr& node);
-  // Stops the worker and waits for it; does nothing when none runs.
+  // Stops the worker and waits until it has ended; does nothing when none
+  // runs. Configure and StopWorkerThread may come from any thread at once:
+  // they are serialised here, and at most one worker ever runs.
   void StopWorkerThread();
 
   std::int64_t RefreshIntervalSeconds() const noexcept { return m_nRefreshIntervalSeconds; }

@@ -1,9 +1,11 @@
 #pragma once
-// Writes a new zip archive, one deflated entry per whole file. Every failure
-// of the zip library is logged with its return code and raised as E_FAIL.
+// Writes a new zip archive, one deflated entry per file, streamed in chunks.
+// Every failure of the zip library is logged with its return code and raised
+// as E_FAIL.
+
+#include <windows.h>
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "Path.h"
@@ -12,7 +14,8 @@ namespace Kestrel {
 
 class CZipArchive {
  public:
-  // Creates the archive file, replacing one of the same name.
+  // Creates the archive file through its wide path, replacing one of the
+  // same name (the packer only ever gives it a fresh temporary name).
   explicit CZipArchive(const CPath& archivePath);
   // Closes the archive when Close was not called. Raises a failed close like
   // Close does, except while an earlier exception unwinds the stack: then the
@@ -21,8 +24,13 @@ class CZipArchive {
   CZipArchive(const CZipArchive&) = delete;
   CZipArchive& operator=(const CZipArchive&) = delete;
 
-  // Adds the whole source file as one entry named `entryName`.
-  void Write(const CPath& sourcePath, const CPath& entryName);
+  // Adds what `source` (open for reading, at its start) holds as one entry
+  // named `entryName`, reading it in chunks until its end. `expectedSize`
+  // only decides whether the entry needs the 64-bit extension. Returns false
+  // when reading the source failed: the entry is then finished short, the
+  // read failure logged, and the caller must not count the file as packed.
+  // A failure of the archive itself raises HRX.
+  bool Write(HANDLE source, const std::wstring& sourcePath, const std::wstring& entryName, std::uint64_t expectedSize);
   // Writes the central directory and closes the file; later calls do nothing.
   void Close();
 
@@ -37,22 +45,17 @@ class CZipArchive {
 };
 
 namespace Detail {
-// The largest file one entry takes: the whole file goes to the library in one
-// call with a 32-bit length, and the entries carry 32-bit sizes, in which
-// 0xFFFFFFFF already means "see the 64-bit extension".
-constexpr std::uint64_t kMaxZipEntryBytes = 0xFFFFFFFEull;
+// Entries from this size on carry the 64-bit extension; the margin covers
+// deflate's worst-case growth of incompressible data past 32-bit sizes.
+constexpr std::uint64_t kZip64EntryBytes = 0xFC000000ull;
+// Bytes read from a source per call; the memory a file costs, whatever its size.
+constexpr std::uint32_t kZipChunkBytes = 1u << 20;
+// General-purpose flag bit 11: the entry name is UTF-8.
+constexpr unsigned long kZipUtf8NameFlag = 1ul << 11;
 
-// A whole file in one buffer of exactly its size.
-struct FileContents {
-  std::unique_ptr<char[]> data;
-  std::uint64_t size = 0;
-};
-// Reads a file whole; logs the read-failure lines and raises E_FAIL when the
-// file cannot be read or is too large for one entry.
-FileContents ReadFileContents(const CPath& path);
-
-// The path in the system's default code page, as the zip library takes it.
-std::string ToNarrow(const std::wstring& text);
+// An entry name as the archive stores it: in the default code page when that
+// holds it exactly, otherwise in UTF-8 (and `bUtf8` is set).
+std::string EntryNameBytes(const std::wstring& name, bool& bUtf8);
 }  // namespace Detail
 
 }  // namespace Kestrel

@@ -8,6 +8,33 @@ namespace {
 constexpr const wchar_t* kTags[] = {L"NONE", L"CRIT", L"ERR", L"WARN", L"INFO", L"DBG", L"DBG2", L"DBG3"};
 constexpr int kSourceColumns = 26;
 constexpr int kMaxDepth = 30;
+// One call writes one line: a line break or other control character inside
+// a message (a request name from the host, a path) could otherwise forge a
+// line of its own. Tab stays, as it breaks nothing.
+void AppendEscaped(std::wstring& line, std::wstring_view message) {
+  std::size_t plain = 0;
+  for (std::size_t i = 0; i < message.size(); ++i) {
+    const wchar_t c = message[i];
+    if (c >= 0x20 || c == L'\t') continue;
+    line.append(message.substr(plain, i - plain));
+    plain = i + 1;
+    switch (c) {
+      case L'\r':
+        line.append(L"\\r");
+        break;
+      case L'\n':
+        line.append(L"\\n");
+        break;
+      default: {
+        wchar_t escaped[8];
+        std::swprintf(escaped, 8, L"\\x%02X", static_cast<unsigned>(c));
+        line.append(escaped);
+      }
+    }
+  }
+  line.append(message.substr(plain));
+}
+
 }  // namespace
 
 const wchar_t* SeverityTag(unsigned severity) noexcept {
@@ -48,7 +75,7 @@ void DetailedFormatter::FormatLine(std::wstring& line, unsigned severity, const 
   line.clear();
   line.reserve(static_cast<std::size_t>(length) + message.size() + 2);
   line.append(head, static_cast<std::size_t>(length));
-  line.append(message);
+  AppendEscaped(line, message);
   line.append(L"\r\n");
 }
 

@@ -88,43 +88,40 @@ HANDLE CFileLogger::ObtainHandle(std::shared_ptr<CAppendLock>& appendLock) noexc
     keepOpen = kDefaultKeepOpenMs;
   }
 
-  std::shared_ptr<CHandleHolder> kept;
-  {
-    CCriticalSection::Lock lock(m_cs);
-    if (keepOpen == 0) {
-      // Every line opens and closes the file; no handle stays between lines.
-      m_pKept.reset();
-      CHandleHolder holder;
-      Open(holder);
-      appendLock = holder.pAppendLock;
-      return std::exchange(holder.hFile, nullptr);
-    }
-
-    const DWORD now = GlobalSettings::Detail::TickCount();
-    if (m_nLastOpen == 0 || now - m_nLastOpen >= keepOpen) {
-      m_nLastOpen = now;
-      m_pKept.reset();
-      try {
-        auto fresh = std::make_shared<CHandleHolder>();
-        Open(*fresh);
-        if (fresh->hFile != nullptr) m_pKept = std::move(fresh);
-      } catch (...) {
-        // Without memory for the holder the line is dropped.
-      }
-    }
-    kept = m_pKept;
+  CCriticalSection::Lock lock(m_cs);
+  if (keepOpen == 0) {
+    // Every line opens and closes the file; no handle stays between lines.
+    m_pKept.reset();
+    CHandleHolder holder;
+    Open(holder);
+    appendLock = holder.pAppendLock;
+    return std::exchange(holder.hFile, nullptr);
   }
-  if (!kept) return nullptr;
 
-  // Duplicated outside the critical section, so the threads' duplications
-  // queue at the kernel rather than one after another behind the lock.
+  const DWORD now = GlobalSettings::Detail::TickCount();
+  if (m_nLastOpen == 0 || now - m_nLastOpen >= keepOpen) {
+    m_nLastOpen = now;
+    m_pKept.reset();
+    try {
+      auto fresh = std::make_shared<CHandleHolder>();
+      Open(*fresh);
+      if (fresh->hFile != nullptr) m_pKept = std::move(fresh);
+    } catch (...) {
+      // Without memory for the holder the line is dropped.
+    }
+  }
+  if (!m_pKept) return nullptr;
+
+  // Duplicated inside the critical section: a line written after a reopen
+  // then always goes to the file the reopen chose, never to the one it
+  // replaced.
   HANDLE duplicate = nullptr;
   const HANDLE process = ::GetCurrentProcess();
-  if (!::DuplicateHandle(process, kept->hFile, process, &duplicate, 0, FALSE, DUPLICATE_SAME_ACCESS)) {
+  if (!::DuplicateHandle(process, m_pKept->hFile, process, &duplicate, 0, FALSE, DUPLICATE_SAME_ACCESS)) {
     DebugOutput(L"FileLogger: cannot duplicate handle (error: 0x%08x)", AsUnsigned(LastErrorResult()));
     return nullptr;
   }
-  appendLock = kept->pAppendLock;
+  appendLock = m_pKept->pAppendLock;
   return duplicate;
 }
 

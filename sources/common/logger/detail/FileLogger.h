@@ -70,8 +70,8 @@ class CFileLogger : public ILogWriter {
   std::wstring m_sFileName;
   bool m_bNameIsPath;
   GlobalSettings::Detail::CCriticalSection m_cs;
-  // Shared with the writers that duplicate it outside the critical section;
-  // a replaced handle is closed when the last of them is done with it.
+  // The kept handle; writers take duplicates of it inside the critical
+  // section, so a replaced one is closed at once.
   std::shared_ptr<CHandleHolder> m_pKept;
   DWORD m_nFileIndexLow = 0;
   DWORD m_nFileIndexHigh = 0;
