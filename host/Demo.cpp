@@ -14,6 +14,7 @@
 #include "ModuleHost.h"
 #include "Requests.h"
 #include "Runner.h"
+#include "Settings.h"
 
 namespace Host {
 
@@ -137,19 +138,21 @@ int RunDemo() {
   ModuleHost host;
   std::printf("WatchDog64 demonstration: %s\n", Narrow(host.ModulePath()).c_str());
   // Registered the way an installer does, so Event Viewer reads our texts.
-  EventSourceRegistration::Register(EventSourceRegistration::FromEnvironment(host.ModuleDirectory()));
+  ModuleSettings settings(host.ModulePath());
+  const auto source = settings.EventSource();
+  const HRESULT registered = EventSourceRegistration::Register(source);
   const Config none = ParseConfig("{}", L"<demo>", host.ModuleDirectory());
 
   Heading("Disk manager: the machine's drives and the free space of two folders");
-  RunRequest(host, none, {L"ListDisks", {}, false});
-  RunRequest(host, none, {L"QueryFreeSpace", {L"DirectoryPaths=" + demo.wstring() + L";%TEMP%"}, false});
+  PrintRequest(RunRequest(host, none, {L"ListDisks", {}, false}), false);
+  PrintRequest(RunRequest(host, none, {L"QueryFreeSpace", {L"DirectoryPaths=" + demo.wstring() + L";%TEMP%"}, false}), false);
 
   Heading("Process manager: the running processes");
-  RunRequest(host, none, {L"ListProcesses", {}, false});
+  PrintRequest(RunRequest(host, none, {L"ListProcesses", {}, false}), false);
   Heading("Process manager: services known to the service manager");
-  RunRequest(host, none, {L"ListServices", {}, false});
+  PrintRequest(RunRequest(host, none, {L"ListServices", {}, false}), false);
   Heading("Process manager: a request to stop a service is validated, never acted on");
-  RunRequest(host, none, {L"StopServices", {L"Service=WatchDog64Demo|WatchDog64 demonstration service"}, false});
+  PrintRequest(RunRequest(host, none, {L"StopServices", {L"Service=WatchDog64Demo|WatchDog64 demonstration service"}, false}), false);
 
   Heading("Free-space watcher: a stop bound above the real free space stops the group's service");
   ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
@@ -198,7 +201,7 @@ int RunDemo() {
                                       {L"LogFileMask", {ValueKind::String, 0, L"*.log"}},
                                       {L"MaxLogFileAgeInHours", {ValueKind::Int64, 24}},
                                       {L"MaxLogFileSizeInMegabytes", {ValueKind::Int64, 2}}}}};
-  RunRequest(host, pack, {L"PackLogs", {}, false});
+  PrintRequest(RunRequest(host, pack, {L"PackLogs", {}, false}), false);
   std::printf("  after:\n");
   ListFolder(logs);
 
@@ -217,7 +220,10 @@ int RunDemo() {
   Heading("Where to look");
   std::printf("  module log:   %sLogs\\WatchDog64.log\n", Narrow(host.ModuleDirectory()).c_str());
   std::printf("  events file:  %s\n", events.string().c_str());
-  ReportEventSource(host.ModuleDirectory());
+  std::printf("  event source: '%s' in log '%s', message file %s: %s\n", Narrow(source.sSourceName).c_str(),
+              Narrow(source.sLogName).c_str(), Narrow(source.sMessageFile).c_str(),
+              SUCCEEDED(registered) ? "registered by this demonstration (wd64host eventsource unregister removes it)"
+                                    : Narrow(HostError(registered, L"registering").Text()).c_str());
   return 0;
 }
 
