@@ -586,6 +586,12 @@ void Config::ApplyGlobalSettings() const {
   for (const auto& [name, value] : globalSettings) SetEnvironmentVariableW(name.c_str(), value.c_str());
 }
 
+std::wstring FullPath(const std::wstring& path) {
+  wchar_t buffer[MAX_PATH * 4];
+  const DWORD length = GetFullPathNameW(path.c_str(), static_cast<DWORD>(std::size(buffer)), buffer, nullptr);
+  return length == 0 || length >= std::size(buffer) ? path : std::wstring(buffer, length);
+}
+
 bool DecodeText(const std::string& bytes, std::string& utf8) {
   auto starts = [&](const char* mark, std::size_t length) { return bytes.compare(0, length, mark, length) == 0; };
   if (starts("\xEF\xBB\xBF", 3)) {
@@ -637,7 +643,6 @@ Config ParseConfig(const std::string& utf8, const std::wstring& source, const st
 
 Config ReadConfig(const std::wstring& file, const std::wstring& moduleDirectory, std::vector<Problem>& problems) {
   std::error_code error;
-  const std::filesystem::path full = std::filesystem::absolute(std::filesystem::path(file), error);
   std::ifstream in(std::filesystem::path(file), std::ios::binary);
   if (!in || std::filesystem::is_directory(std::filesystem::path(file), error)) {
     problems.push_back(Problem{file, L"file", L"cannot be opened (" + Widen(std::generic_category().message(errno)) + L")", false});
@@ -648,7 +653,7 @@ Config ReadConfig(const std::wstring& file, const std::wstring& moduleDirectory,
   std::ostringstream text;
   text << in.rdbuf();
   Config config = ReadConfigText(text.str(), file, moduleDirectory, problems);
-  config.fullPath = full.wstring();
+  config.fullPath = FullPath(file);
   return config;
 }
 

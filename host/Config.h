@@ -130,6 +130,9 @@ bool IsKnownSettingsSection(const std::wstring& section);
 std::wstring CheckSettingValue(const std::wstring& section, const std::wstring& key, const std::wstring& value,
                                bool* knownKey);
 
+// An absolute path with the system's separators.
+std::wstring FullPath(const std::wstring& path);
+
 std::wstring Widen(const std::string& utf8);
 std::string Narrow(const std::wstring& text);
 

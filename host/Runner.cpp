@@ -56,7 +56,7 @@ int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, cons
   ComponentRef<IVHConfigurable> watchdog;
   ComponentRef<IVHConfigurable> packer;
   // Only components whose Configure succeeded run anything that needs a stop.
-  bool watcherStarted = false, watchdogStarted = false;
+  bool watcherStarted = false, watchdogStarted = false, packerStarted = false;
   int exitCode = 0;
   auto fail = [&](int code, const std::wstring& text) {
     Say("%s", Narrow(text).c_str());
@@ -90,6 +90,7 @@ int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, cons
     if (config.packer) {
       packer = host.Create<IVHConfigurable>(WatchDog64::CLSID_LogPacker, L"log packer");
       Configure(packer, config.PackerNode(), L"log packer (" + config.source + L")");
+      packerStarted = true;
       Say("log packer: configured, packing %s in %s every %lld s", Narrow(rules.mask).c_str(),
           Narrow(rules.folder).c_str(), static_cast<long long>(config.packer->packIntervalSeconds));
       progress();
@@ -164,7 +165,7 @@ int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, cons
   }
   if (packer) {
     packer.Reset();
-    Say("log packer: released");
+    if (packerStarted) Say("log packer: released");
   }
   return exitCode;
 }

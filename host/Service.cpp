@@ -313,7 +313,9 @@ int StartInstalledService(const ServiceOptions& options) {
   if (!manager) return ReportLastError(L"opening the service manager");
   ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_START | SERVICE_QUERY_STATUS));
   if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
-  if (!StartServiceW(service.Get(), 0, nullptr)) return ReportLastError(L"starting service '" + options.name + L"'");
+  if (!StartServiceW(service.Get(), 0, nullptr) && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) {
+    return ReportLastError(L"starting service '" + options.name + L"'");
+  }
   const SERVICE_STATUS status = WaitWhile(service.Get(), SERVICE_START_PENDING, 60000);
   if (status.dwCurrentState == SERVICE_RUNNING) {
     std::printf("service '%s' is running\n", Narrow(options.name).c_str());

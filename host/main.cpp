@@ -46,11 +46,7 @@ struct Arguments {
   std::vector<std::string> requestArguments;
 };
 
-std::wstring Absolute(const std::string& path) {
-  std::error_code error;
-  const auto full = std::filesystem::absolute(std::filesystem::path(Widen(path)), error);
-  return error ? Widen(path) : full.wstring();
-}
+std::wstring Absolute(const std::string& path) { return FullPath(Widen(path)); }
 
 std::wstring ModulePathBesideProgram() { return ProgramDirectory() + L"WatchDog64.dll"; }
 
