@@ -472,9 +472,11 @@ class Service(unittest.TestCase):
         self.log.flush()
         with open(self.trace, "rb") as log:
             trace = log.read().decode("utf-8", "replace")
-        events = re.findall(r"ReportEventW.*", trace)
-        self.assertTrue(any(self.NAME in line for line in events), events)
-        self.assertTrue(any("line 1, column" in line and "syntax error" in line for line in events), events)
+        # Wine traces an error-type event's strings at "err", others at "trace".
+        errors = re.findall(r"err:eventlog:ReportEventW (.*)", trace)
+        self.assertIn(f'L"{self.NAME}"', errors)
+        self.assertTrue(any("line 1, column 47: syntax error" in line for line in errors), errors)
+        self.assertTrue(re.search(r"trace:eventlog:ReportEventW L\"configured\"", trace))
 
         rc, out = self.svc("service", "uninstall", "--name", self.NAME)
         self.assertEqual(rc, 0, out)
