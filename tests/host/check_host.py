@@ -135,6 +135,13 @@ class Check(unittest.TestCase):
         self.assertIn(f"{name}: /watchdog/RefreshIntervalSeconds: must be 1 to", err)
         self.assertNotIn("running", out)
 
+    def test_the_sample_configuration_is_valid(self):
+        sample = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "config",
+                              "watchdog64.sample.jsonc")
+        rc, out, err = host("check", "--warnings-ok", "--config", win(sample))
+        self.assertEqual(rc, 0, out + err)
+        self.assertIn("valid for the module", out)
+
     def test_warnings_encodings_and_names_outside_the_code_page(self):
         base = folder("check-warnings")
         watched = os.path.join(base, "Ωμέγα-日本")
