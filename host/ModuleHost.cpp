@@ -95,12 +95,16 @@ void Check(HRESULT hr, const std::wstring& what) {
 }
 
 ModuleHost::ModuleHost(const std::wstring& directory) {
-  m_modulePath = (directory.empty() ? ProgramDirectory() : directory) + L"WatchDog64.dll";
-  m_library = LoadLibraryW(m_modulePath.c_str());
-  if (m_library == nullptr) {
-    throw HostError(HRESULT_FROM_WIN32(GetLastError()),
-                    L"loading " + m_modulePath + L" (it and DataLayer.dll belong beside wd64host.exe)");
+  const std::wstring folder = directory.empty() ? ProgramDirectory() : directory;
+  m_modulePath = folder + L"WatchDog64.dll";
+  // The module imports DataLayer.dll from its own folder; without it the
+  // loader would only say that "a module" is missing.
+  const std::wstring dataLayer = folder + L"DataLayer.dll";
+  if (GetFileAttributesW(dataLayer.c_str()) == INVALID_FILE_ATTRIBUTES) {
+    throw HostError(HRESULT_FROM_WIN32(GetLastError()), L"finding " + dataLayer + L" (WatchDog64.dll needs it beside itself)");
   }
+  m_library = LoadLibraryW(m_modulePath.c_str());
+  if (m_library == nullptr) throw HostError(HRESULT_FROM_WIN32(GetLastError()), L"loading " + m_modulePath);
   auto get = reinterpret_cast<WatchDog64::GetComponentsModuleObjectFn>(
       reinterpret_cast<void*>(GetProcAddress(m_library, WatchDog64::kGetComponentsModuleObjectName)));
   if (get == nullptr) {

@@ -95,6 +95,26 @@ class CommandLine(unittest.TestCase):
         self.assertIn("--metrics-file", out)
 
 
+    def test_missing_libraries_are_named(self):
+        alone = folder("alone")
+        shutil.copy(HOST, alone)
+        lonely = os.path.join(alone, "wd64host.exe")
+        environment = dict(os.environ, WINEDEBUG="-all")
+        for copied, missing in (((), "DataLayer.dll"), (("DataLayer.dll",), "WatchDog64.dll")):
+            for name in copied:
+                shutil.copy(os.path.join(BIN, name), alone)
+            for args in (["request", "ListDisks"], ["run", "--for", "1"], ["components"]):
+                done = subprocess.run([WINE_RUN, PREFIX, lonely, *args], capture_output=True, env=environment,
+                                      timeout=120)
+                err = done.stderr.decode("utf-8", "replace")
+                self.assertEqual(done.returncode, 1, (args, err))
+                self.assertIn(win(os.path.join(alone, missing)), err)
+            rc = subprocess.run([WINE_RUN, PREFIX, lonely, "request", "ListDisks", "--json"], capture_output=True,
+                                env=environment, timeout=120)
+            self.assertEqual(rc.returncode, 1)
+            self.assertIn(missing, envelope(rc.stdout.decode("utf-8"))["error"]["message"])
+
+
 class Check(unittest.TestCase):
     def test_every_problem_with_file_and_place(self):
         base = folder("check")
