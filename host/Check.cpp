@@ -120,8 +120,25 @@ class Checker {
       }
     }
 
-    // The event source as the module will resolve it from every setting.
     ModuleSettings settings(m_host.ModulePath());
+    // Values from GS_ variables and INI files that the module would not
+    // understand (and would quietly replace by its default).
+    for (const auto& [section, key] : KnownSettings()) {
+      std::wstring value;
+      const auto origin = settings.Find(section.c_str(), key.c_str(), value);
+      if (origin == ModuleSettings::Origin::None) continue;
+      const std::wstring why = CheckSettingValue(section, key, value, nullptr);
+      if (why.empty()) continue;
+      std::wstring file = L"GS_" + section + L"_" + key;
+      if (origin == ModuleSettings::Origin::IniFile) {
+        file = L"INI files (GLOBAL_SETTINGS_INI";
+        for (const std::wstring& ini : settings.IniFiles()) file += L", " + ini;
+        file += L")";
+      }
+      m_report.problems.push_back(Problem{file, L"[" + section + L"] " + key, why, false});
+    }
+
+    // The event source as the module will resolve it from every setting.
     const auto source = settings.EventSource();
     const std::wstring key = EventSourceRegistration::SourceKeyPath(source.sLogName, source.sSourceName);
     wchar_t value[MAX_PATH * 4];

@@ -498,6 +498,12 @@ ConfigError::ConfigError(std::vector<Problem> problems)
   for (const Problem& problem : m_problems) m_text += (m_text.empty() ? L"" : L"\n") + problem.Text();
 }
 
+std::vector<std::pair<std::wstring, std::wstring>> KnownSettings() {
+  std::vector<std::pair<std::wstring, std::wstring>> known;
+  for (const SettingSpec& spec : kSettings) known.emplace_back(spec.section, spec.key);
+  return known;
+}
+
 bool IsKnownSettingsSection(const std::wstring& section) {
   for (const SettingSpec& spec : kSettings) {
     if (SameName(section, spec.section)) return true;

@@ -126,6 +126,7 @@ bool DecodeText(const std::string& bytes, std::string& utf8);
 // The module's global settings the host knows: section, key and what a
 // value must be. Names compare without case, as the module reads them.
 bool IsKnownSettingsSection(const std::wstring& section);
+std::vector<std::pair<std::wstring, std::wstring>> KnownSettings();  // section, key
 // Empty when the value is fine, else why not.
 std::wstring CheckSettingValue(const std::wstring& section, const std::wstring& key, const std::wstring& value,
                                bool* knownKey);

@@ -24,6 +24,12 @@ std::wstring ModuleSettings::Get(const wchar_t* section, const wchar_t* key, con
   return SUCCEEDED(m_registry.Lookup(section, key, value)) ? value : defaultValue;
 }
 
+ModuleSettings::Origin ModuleSettings::Find(const wchar_t* section, const wchar_t* key, std::wstring& value) {
+  if (FAILED(m_registry.Lookup(section, key, value))) return Origin::None;
+  std::wstring fromEnvironment;
+  return SUCCEEDED(m_environment.GetString(section, key, fromEnvironment)) ? Origin::Environment : Origin::IniFile;
+}
+
 EventSourceRegistration::CRegistration ModuleSettings::EventSource() {
   return EventSourceRegistration::FromNames(Get(L"CoreEventSource", L"EventSourceName", L"Vigil Hub"),
                                             Get(L"CoreEventSource", L"EventLogName", L"Kestrel Overwatch"),

@@ -21,6 +21,9 @@ class ModuleSettings {
   ModuleSettings& operator=(const ModuleSettings&) = delete;
 
   std::wstring Get(const wchar_t* section, const wchar_t* key, const std::wstring& defaultValue);
+  // Whether a value is found, and whether a GS_ variable or an INI file gave it.
+  enum class Origin { None, Environment, IniFile };
+  Origin Find(const wchar_t* section, const wchar_t* key, std::wstring& value);
   // The INI files the module would read, in order (GLOBAL_SETTINGS_INI aside).
   const std::vector<std::wstring>& IniFiles() const noexcept { return m_ini.Candidates(); }
   // The event source the module reports under, with its message file made

@@ -224,6 +224,14 @@ class EventSource(unittest.TestCase):
         env["GS_CoreEventSource_EventSourceName"] = "WD64 Env Source"
         rc, out, err = host("check", env=env)
         self.assertIn("'WD64 Env Source' in log 'WD64IniLog'", out)
+
+        # Values the module would not understand, wherever they come from.
+        write(ini, "[Logger]\r\nMaxSeverity=VERBOSE\r\n[CoreEventSource]\r\nEventSourceName=WD64 Ini Source\r\n"
+                   "EventLogName=WD64IniLog\r\n")
+        rc, out, err = host("check", env={"GLOBAL_SETTINGS_INI": win(ini), "GS_Logger_KeepOpenInterval": "5s"})
+        self.assertEqual(rc, 2, out + err)
+        self.assertRegex(out, r"INI files \(GLOBAL_SETTINGS_INI, .*\): \[Logger\] MaxSeverity: \"VERBOSE\" is not")
+        self.assertIn("GS_Logger_KeepOpenInterval: [Logger] KeepOpenInterval: \"5s\" is not a whole number", out)
         rc, out, err = host("eventsource", "unregister", env={"GLOBAL_SETTINGS_INI": win(ini)})
         self.assertIn(": done", out)
 
