@@ -189,6 +189,9 @@ void WINAPI ServiceMain(DWORD, wchar_t**) {
   } catch (const HostError& error) {
     failure = error.Text();
     code = kServiceCallFailed;
+  } catch (const std::exception& error) {
+    failure = Widen(error.what());
+    code = kServiceCallFailed;
   }
   if (code != 0) {
     if (running) {

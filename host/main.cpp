@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -281,6 +282,13 @@ int wmain(int argc, wchar_t** argv) {
   try {
     app.parse(static_cast<int>(pointers.size()), pointers.data());
   } catch (const CLI::ParseError& error) {
+    const int code = error.get_exit_code() == 0 ? 0 : 2;
+    const bool wantsJson = utf8.size() > 1 && utf8[1] == "request" &&
+                           std::find(utf8.begin(), utf8.end(), "--json") != utf8.end();
+    if (code != 0 && wantsJson) {
+      // A script that asked for JSON gets JSON, whatever went wrong.
+      return PrintRequest(FailedRequest(Widen(arguments.request), E_INVALIDARG, Widen(error.what()), 2), true);
+    }
     return app.exit(error) == 0 ? 0 : 2;
   }
   SetVerbose(verbose);
@@ -305,6 +313,9 @@ int wmain(int argc, wchar_t** argv) {
     return 2;
   } catch (const HostError& error) {
     std::fprintf(stderr, "%s\n", Narrow(error.Text()).c_str());
+    return 1;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "wd64host failed: %s\n", error.what());
     return 1;
   }
   std::fputs(app.help().c_str(), stderr);

@@ -139,11 +139,11 @@ class Check(unittest.TestCase):
                             ("/globalSettings/Logger/KeepOpenInterval", "\"12abc\" is not a whole number"),
                             ("/freeSpaceWatcher/ActionsPerformIntervalSec", "must be 1 to 4294967"),
                             ("/freeSpaceWatcher/groups/0/EventResendTimeoutSec", "must be 1 to 2147483"),
-                            ("/freeSpaceWatcher/groups/0/Paths", "at least one folder"),
-                            ("/freeSpaceWatcher/groups/1", "warning bound"),
+                            ("/freeSpaceWatcher/groups/0/Paths", "must list at least one folder"),
+                            ("/freeSpaceWatcher/groups/1", "the warning bound (20480 MB) must be above"),
                             ("/watchdog/RefreshIntervalSeconds", "must be 1 to"),
                             ("/logPacker/MaxLogFileAgeInHours", "must be 0 to"),
-                            ("/logPacker/PackIntervalSeconds", "got 18446744073709552"),
+                            ("/logPacker/PackIntervalSeconds", "must be 1 to 4294967"),
                             ("/logPacker/LogFileMask", "key given twice"),
                             ("/metrics/intervalSeconds", "must be 1 to 86400")):
             self.assertIn(f"{name}: {place}: {text}", out)
@@ -260,7 +260,8 @@ class Requests(unittest.TestCase):
         for args, code, text in ((["QueryFreeSpace", "DirectoryPaths=C:\\;Q:\\nowhere"], 1, "Q:\\nowhere"),
                                  (["listdisks"], 2, "unknown request 'listdisks'"),
                                  (["ListDisks", "--config", win(os.path.join(base, "none.jsonc"))], 2, "none.jsonc"),
-                                 (["QueryFreeSpace"], 2, "DirectoryPaths")):
+                                 (["QueryFreeSpace"], 2, "DirectoryPaths"),
+                                 (["ListDisks", "--jsn"], 2, "--jsn")):
             rc, out, err = host("request", *args, "--json")
             self.assertEqual(rc, code, (args, out, err))
             result = envelope(out)
