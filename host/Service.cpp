@@ -342,7 +342,12 @@ int StopInstalledService(const ServiceOptions& options) {
     return 0;
   }
   if (!ControlService(service.Get(), SERVICE_CONTROL_STOP, &status)) {
-    return ReportLastError(L"stopping service '" + options.name + L"'");
+    // Another stop may be under way (or just done): then it is a wait.
+    const DWORD error = GetLastError();
+    status = WaitWhile(service.Get(), SERVICE_STOP_PENDING, 60000);
+    if (status.dwCurrentState != SERVICE_STOPPED) {
+      return Report(HRESULT_FROM_WIN32(error), L"stopping service '" + options.name + L"'");
+    }
   }
   status = WaitWhile(service.Get(), SERVICE_STOP_PENDING, 60000);
   if (status.dwCurrentState != SERVICE_STOPPED) {

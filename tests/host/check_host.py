@@ -273,6 +273,9 @@ class Requests(unittest.TestCase):
             rc, out, err = host("request", *args)
             self.assertEqual(rc, code)
             self.assertIn(text, err)
+        # The module's return addresses only on request.
+        rc, out, err = host("request", "QueryFreeSpace", "DirectoryPaths=Q:\\nowhere", "--verbose")
+        self.assertRegex(err, r"File not found \[0x[0-9A-F]+")
 
     def test_cmd_exe_quoting_from_the_documentation(self):
         # Each form INSTALL.txt shows, typed at a real cmd.exe (a batch file
@@ -449,7 +452,7 @@ def local_header_names(path):
     return names
 
 
-class Service(unittest.TestCase):
+class ServicePrefix(unittest.TestCase):
     """A service in a prefix of its own, whose service manager is started by
     this test with the eventlog debug channel on, so ReportEventW's trace of
     the host's events reaches `trace`."""
@@ -463,6 +466,12 @@ class Service(unittest.TestCase):
         subprocess.run([WINESERVER, "-k"], env=dict(os.environ, WINEPREFIX=os.path.abspath(SERVICE_PREFIX)))
         subprocess.run([WINESERVER, "-w"], env=dict(os.environ, WINEPREFIX=os.path.abspath(SERVICE_PREFIX)))
         self.log = open(self.trace, "wb")
+        # The first program boots the prefix's service manager with this
+        # debug channel; a server still on its way out can refuse it once.
+        for _ in range(3):
+            if self.svc("--version")[0] == 0:
+                break
+            time.sleep(2)
 
     def tearDown(self):
         self.svc("service", "uninstall", "--name", self.NAME)
@@ -474,6 +483,8 @@ class Service(unittest.TestCase):
                               env=environment, timeout=180)
         return done.returncode, done.stdout.decode("utf-8", "replace")
 
+
+class Service(ServicePrefix):
     def test_start_failure_reaches_the_event_log(self):
         base = folder("service")
         config = os.path.join(base, "служба.jsonc")
@@ -518,6 +529,44 @@ class Service(unittest.TestCase):
         self.assertEqual(rc, 0, out)
         rc, out = self.svc("service", "status", "--name", self.NAME)
         self.assertEqual(rc, 1, out)
+
+
+class ServiceFaults(ServicePrefix):
+    NAME = "WD64PyServiceTwice"
+
+    def test_two_stops_and_two_uninstalls_at_once(self):
+        base = folder("service-twice")
+        config = os.path.join(base, "twice.jsonc")
+        write(config, '{ "watchdog": { "RefreshIntervalSeconds": 1 } }')
+        self.assertEqual(self.svc("service", "install", "--name", self.NAME, "--config", win(config))[0], 0)
+        self.assertEqual(self.svc("service", "start", "--name", self.NAME)[0], 0)
+        environment = dict(os.environ, WINEDEBUG="-all")
+
+        def twice(*args):
+            both = [subprocess.Popen([WINE_RUN, SERVICE_PREFIX, HOST, *args], stdout=subprocess.PIPE,
+                                     stderr=subprocess.PIPE, env=environment) for _ in range(2)]
+            return [(process.wait(timeout=180), process.communicate()[0].decode("utf-8", "replace"))
+                    for process in both]
+
+        stops = twice("service", "stop", "--name", self.NAME)
+        # Whichever comes second finds it stopping or stopped; neither may fail.
+        self.assertEqual([rc for rc, _ in stops], [0, 0], stops)
+        rc, out = self.svc("service", "status", "--name", self.NAME)
+        self.assertIn("stopped", out)
+        self.assertNotIn("last exit", out)  # a clean stop, no error code
+
+        self.assertEqual(self.svc("service", "start", "--name", self.NAME)[0], 0)
+        removals = twice("service", "uninstall", "--name", self.NAME)
+        self.assertIn(0, [rc for rc, _ in removals], removals)
+        self.assertTrue(all(rc in (0, 1) for rc, _ in removals), removals)
+        rc, out = self.svc("service", "status", "--name", self.NAME)
+        self.assertEqual(rc, 1, out)
+        # The service's process ended with it.
+        rc, out, err = host("request", "ListProcesses", "--json", prefix=SERVICE_PREFIX)
+        self.assertEqual(rc, 0, err)
+        running = [item for item in envelope(out)["items"]
+                   if "wd64host" in (item.get("ExecutablePath") or "").lower()]
+        self.assertEqual(len(running), 1, running)  # only the one asking
 
 
 if __name__ == "__main__":
