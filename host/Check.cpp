@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "EventSourceRegistration.h"
+#include "HostHandles.h"
 #include "ModuleHost.h"
 #include "Settings.h"
 
@@ -76,7 +77,7 @@ class Checker {
   void CheckMachine() {
     const std::wstring moduleDirectory = m_host.ModuleDirectory();
     if (m_config.watcher) {
-      SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+      const ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
       for (std::size_t i = 0; i < m_config.watcher->groups.size(); ++i) {
         const Section& group = m_config.watcher->groups[i];
         if (const Value* paths = group.Find(L"Paths")) {
@@ -91,18 +92,15 @@ class Checker {
           }
         }
         const Value* services = group.Find(L"ServiceNames");
-        for (std::size_t s = 0; manager != nullptr && services != nullptr && s < services->list.size(); ++s) {
-          SC_HANDLE service = OpenServiceW(manager, services->list[s].c_str(), SERVICE_QUERY_STATUS);
-          if (service != nullptr) {
-            CloseServiceHandle(service);
-          } else if (GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST) {
+        for (std::size_t s = 0; manager && services != nullptr && s < services->list.size(); ++s) {
+          const ScHandle service(OpenServiceW(manager.Get(), services->list[s].c_str(), SERVICE_QUERY_STATUS));
+          if (!service && GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST) {
             Warning(group.place + L"/ServiceNames/" + std::to_wstring(s),
                     L"warning: " + m_config.GroupLabel(i) + L" would stop service \"" + services->list[s] +
                         L"\", which does not exist on this machine");
           }
         }
       }
-      if (manager != nullptr) CloseServiceHandle(manager);
     }
     if (m_config.packer && !HasReadErrors(L"/logPacker/LogsDirectoryPath")) {
       if (const Value* folder = m_config.packer->settings.Find(L"LogsDirectoryPath")) {

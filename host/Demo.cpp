@@ -10,6 +10,7 @@
 
 #include "Check.h"
 #include "EventSourceRegistration.h"
+#include "HostHandles.h"
 #include "Config.h"
 #include "ModuleHost.h"
 #include "Requests.h"
@@ -26,10 +27,6 @@ constexpr wchar_t kDemoService[] = L"WatchDog64Demo";
 
 void Heading(const char* text) { std::printf("\n== %s\n", text); }
 
-struct ScCloser {
-  void operator()(SC_HANDLE handle) const noexcept { CloseServiceHandle(handle); }
-};
-using ScHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ScCloser>;
 
 std::wstring ProgramPath() {
   wchar_t path[MAX_PATH * 4];
@@ -57,15 +54,15 @@ ScHandle StartDemoService(SC_HANDLE manager) {
   const std::wstring command = L"\"" + ProgramPath() + L"\" demo-service";
   ScHandle service(OpenServiceW(manager, kDemoService, SERVICE_ALL_ACCESS));
   if (!service) {
-    service.reset(CreateServiceW(manager, kDemoService, L"WatchDog64 demonstration service", SERVICE_ALL_ACCESS,
+    service.Reset(CreateServiceW(manager, kDemoService, L"WatchDog64 demonstration service", SERVICE_ALL_ACCESS,
                                  SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
                                  command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
   }
   if (!service) Check(HRESULT_FROM_WIN32(GetLastError()), L"creating the demonstration service");
-  if (ServiceState(service.get()) != SERVICE_RUNNING && !StartServiceW(service.get(), 0, nullptr)) {
+  if (ServiceState(service.Get()) != SERVICE_RUNNING && !StartServiceW(service.Get(), 0, nullptr)) {
     Check(HRESULT_FROM_WIN32(GetLastError()), L"starting the demonstration service");
   }
-  for (int i = 0; i < 100 && ServiceState(service.get()) != SERVICE_RUNNING; ++i) Sleep(100);
+  for (int i = 0; i < 100 && ServiceState(service.Get()) != SERVICE_RUNNING; ++i) Sleep(100);
   return service;
 }
 
@@ -157,8 +154,8 @@ int RunDemo() {
   Heading("Free-space watcher: a stop bound above the real free space stops the group's service");
   ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
   if (!manager) Check(HRESULT_FROM_WIN32(GetLastError()), L"opening the service manager");
-  ScHandle service = StartDemoService(manager.get());
-  std::printf("  service %s is %s\n", Narrow(kDemoService).c_str(), StateName(ServiceState(service.get())));
+  ScHandle service = StartDemoService(manager.Get());
+  std::printf("  service %s is %s\n", Narrow(kDemoService).c_str(), StateName(ServiceState(service.Get())));
   const std::int64_t freeMb = FreeBytes(demo.wstring()) >> 20;
   std::printf("  free space in %s: %lld MB; stop bound set to %lld MB, checked every second\n",
               demo.string().c_str(), static_cast<long long>(freeMb), static_cast<long long>(freeMb + 1024));
@@ -178,12 +175,12 @@ int RunDemo() {
     DWORD state = SERVICE_RUNNING;
     for (int i = 0; i < 150 && state != SERVICE_STOPPED; ++i) {
       Sleep(100);
-      state = ServiceState(service.get());
+      state = ServiceState(service.Get());
     }
     watcher.As<IVHShutdownable>()->Shutdown();
     std::printf("  service %s is now %s\n", Narrow(kDemoService).c_str(), StateName(state));
   }
-  DeleteService(service.get());
+  DeleteService(service.Get());
   std::printf("  the event the watcher raised, from %s:\n\n", events.string().c_str());
   PrintEvents(events);
 

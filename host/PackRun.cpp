@@ -3,6 +3,7 @@
 #include <shlwapi.h>
 
 #include "Config.h"
+#include "HostHandles.h"
 #include "ModuleHost.h"
 #include "Nodes.h"
 
@@ -44,16 +45,15 @@ FolderSnapshot SnapshotFolder(const std::wstring& folder) {
   FolderSnapshot snapshot;
   WIN32_FIND_DATAW data;
   const std::wstring pattern = folder + (folder.empty() || folder.back() == L'\\' ? L"*" : L"\\*");
-  HANDLE search = FindFirstFileW(pattern.c_str(), &data);
-  if (search == INVALID_HANDLE_VALUE) return snapshot;
+  const FindHandle search(FindFirstFileW(pattern.c_str(), &data));
+  if (!search) return snapshot;
   do {
     if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
     FolderEntry entry;
     entry.size = (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
     entry.created = ToNumber(data.ftCreationTime);
     snapshot.emplace(data.cFileName, entry);
-  } while (FindNextFileW(search, &data));
-  FindClose(search);
+  } while (FindNextFileW(search.Get(), &data));
   return snapshot;
 }
 

@@ -7,33 +7,15 @@
 
 #include "Config.h"
 #include "EventSourceRegistration.h"
+#include "HostHandles.h"
 #include "HostMessages.h"
 #include "ModuleHost.h"
 #include "Runner.h"
 #include "Settings.h"
-#include "UniqueResource.h"
 
 namespace Host {
 
 namespace {
-
-struct ScHandleTraits {
-  using pointer = SC_HANDLE;
-  static pointer Invalid() noexcept { return nullptr; }
-  static bool IsValid(pointer value) noexcept { return value != nullptr; }
-  static bool Close(pointer value) noexcept { return ::CloseServiceHandle(value) != FALSE; }
-  static const wchar_t* Source() noexcept { return L"ScHandle"; }
-};
-using ScHandle = Kestrel::UniqueResource<ScHandleTraits>;
-
-struct EventSourceTraits {
-  using pointer = HANDLE;
-  static pointer Invalid() noexcept { return nullptr; }
-  static bool IsValid(pointer value) noexcept { return value != nullptr; }
-  static bool Close(pointer value) noexcept { return ::DeregisterEventSource(value) != FALSE; }
-  static const wchar_t* Source() noexcept { return L"EventSource"; }
-};
-using EventSourceHandle = Kestrel::UniqueResource<EventSourceTraits>;
 
 int Report(HRESULT hr, const std::wstring& what) {
   std::fprintf(stderr, "%s\n", Narrow(HostError(hr, what).Text()).c_str());
@@ -126,9 +108,9 @@ void WriteModuleLogLine(const std::wstring& modulePath, const std::wstring& text
   }
   if (!folder.empty() && folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
   const std::wstring file = folder + L"WatchDog64.log";
-  HANDLE handle = CreateFileW(file.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (handle == INVALID_HANDLE_VALUE) return;
+  FileHandle handle(CreateFileW(file.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!handle) return;
   SYSTEMTIME now;
   GetLocalTime(&now);
   wchar_t line[512];
@@ -141,8 +123,7 @@ void WriteModuleLogLine(const std::wstring& modulePath, const std::wstring& text
   }
   entry += L"\r\n";
   DWORD written = 0;
-  WriteFile(handle, entry.data(), static_cast<DWORD>(entry.size() * sizeof(wchar_t)), &written, nullptr);
-  CloseHandle(handle);
+  WriteFile(handle.Get(), entry.data(), static_cast<DWORD>(entry.size() * sizeof(wchar_t)), &written, nullptr);
 }
 
 void WINAPI ServiceMain(DWORD, wchar_t**) {
@@ -222,19 +203,18 @@ ScHandle OpenManager(DWORD access) { return ScHandle(OpenSCManagerW(nullptr, nul
 }  // namespace
 
 long RegisterHostEventSource() {
-  HKEY key = nullptr;
+  RegistryKey key;
   const std::wstring path = EventSourceRegistration::SourceKeyPath(kHostEventLog, kHostEventSource);
   LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                   KEY_SET_VALUE, nullptr, &key, nullptr);
+                                   KEY_SET_VALUE, nullptr, key.Put(), nullptr);
   if (status != ERROR_SUCCESS) return HRESULT_FROM_WIN32(static_cast<DWORD>(status));
   const std::wstring file = ProgramPath();
   const DWORD types = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
-  status = RegSetValueExW(key, L"EventMessageFile", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(file.c_str()),
+  status = RegSetValueExW(key.Get(), L"EventMessageFile", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(file.c_str()),
                           static_cast<DWORD>((file.size() + 1) * sizeof(wchar_t)));
   if (status == ERROR_SUCCESS) {
-    status = RegSetValueExW(key, L"TypesSupported", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&types), sizeof types);
+    status = RegSetValueExW(key.Get(), L"TypesSupported", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&types), sizeof types);
   }
-  RegCloseKey(key);
   return HRESULT_FROM_WIN32(static_cast<DWORD>(status));
 }
 
