@@ -447,21 +447,21 @@ class Reader {
   std::vector<Problem>& m_problems;
 };
 
-struct SettingSpec {
+struct SettingRule {
   const wchar_t* section;
   const wchar_t* key;
   enum { Text, Number, Severity, Name } kind;
 };
-const SettingSpec kSettings[] = {
-    {L"Logger", L"MaxSeverity", SettingSpec::Severity},
-    {L"Logger", L"Path", SettingSpec::Text},
-    {L"Logger", L"KeepOpenInterval", SettingSpec::Number},
-    {L"Logger", L"LogFileSizeThresholdMB", SettingSpec::Number},
-    {L"ErrorHandling", L"MessageFile", SettingSpec::Text},
-    {L"CoreEventSource", L"EventSourceName", SettingSpec::Name},
-    {L"CoreEventSource", L"EventLogName", SettingSpec::Name},
-    {L"CoreEventSource", L"MessageFile", SettingSpec::Text},
-    {L"EventReporting", L"EventsLogFile", SettingSpec::Text},
+const SettingRule kSettings[] = {
+    {L"Logger", L"MaxSeverity", SettingRule::Severity},
+    {L"Logger", L"Path", SettingRule::Text},
+    {L"Logger", L"KeepOpenInterval", SettingRule::Number},
+    {L"Logger", L"LogFileSizeThresholdMB", SettingRule::Number},
+    {L"ErrorHandling", L"MessageFile", SettingRule::Text},
+    {L"CoreEventSource", L"EventSourceName", SettingRule::Name},
+    {L"CoreEventSource", L"EventLogName", SettingRule::Name},
+    {L"CoreEventSource", L"MessageFile", SettingRule::Text},
+    {L"EventReporting", L"EventsLogFile", SettingRule::Text},
 };
 const wchar_t* const kSeverities[] = {L"NONE", L"CRIT", L"ERR", L"WARN", L"INFO", L"DBG", L"DBG2", L"DBG3"};
 
@@ -500,32 +500,32 @@ ConfigError::ConfigError(std::vector<Problem> problems)
 
 std::vector<std::pair<std::wstring, std::wstring>> KnownSettings() {
   std::vector<std::pair<std::wstring, std::wstring>> known;
-  for (const SettingSpec& spec : kSettings) known.emplace_back(spec.section, spec.key);
+  for (const SettingRule& rule : kSettings) known.emplace_back(rule.section, rule.key);
   return known;
 }
 
 bool IsKnownSettingsSection(const std::wstring& section) {
-  for (const SettingSpec& spec : kSettings) {
-    if (SameName(section, spec.section)) return true;
+  for (const SettingRule& rule : kSettings) {
+    if (SameName(section, rule.section)) return true;
   }
   return false;
 }
 
 std::wstring CheckSettingValue(const std::wstring& section, const std::wstring& key, const std::wstring& value,
                                bool* knownKey) {
-  const SettingSpec* spec = nullptr;
-  for (const SettingSpec& candidate : kSettings) {
-    if (SameName(section, candidate.section) && SameName(key, candidate.key)) spec = &candidate;
+  const SettingRule* rule = nullptr;
+  for (const SettingRule& candidate : kSettings) {
+    if (SameName(section, candidate.section) && SameName(key, candidate.key)) rule = &candidate;
   }
-  if (knownKey != nullptr) *knownKey = spec != nullptr;
-  if (spec == nullptr) return L"unknown key";
-  switch (spec->kind) {
-    case SettingSpec::Severity:
+  if (knownKey != nullptr) *knownKey = rule != nullptr;
+  if (rule == nullptr) return L"unknown key";
+  switch (rule->kind) {
+    case SettingRule::Severity:
       for (const wchar_t* name : kSeverities) {
         if (SameName(value, name)) return {};
       }
       return L"\"" + value + L"\" is not a severity (NONE, CRIT, ERR, WARN, INFO, DBG, DBG2 or DBG3)";
-    case SettingSpec::Number: {
+    case SettingRule::Number: {
       // The module reads decimal, 0x hexadecimal or 0 octal into 32 bits.
       wchar_t* end = nullptr;
       errno = 0;
@@ -536,11 +536,11 @@ std::wstring CheckSettingValue(const std::wstring& section, const std::wstring& 
       if (errno == ERANGE || number > 0xFFFFFFFFull) return L"must be at most 4294967295";
       return {};
     }
-    case SettingSpec::Name:
+    case SettingRule::Name:
       if (value.empty()) return L"must not be empty";
       if (value.find(L'\\') != std::wstring::npos) return L"must not hold a backslash";
       return {};
-    case SettingSpec::Text:
+    case SettingRule::Text:
       return {};
   }
   return {};
