@@ -17,13 +17,27 @@
 
 namespace Host {
 
-// A configuration that cannot be used; says which file and which place.
+// One finding about a configuration: "FILE: PLACE: message".
+struct Problem {
+  std::wstring file;
+  std::wstring place;
+  std::wstring message;
+  bool warning = false;
+  std::wstring Text() const { return file + L": " + place + L": " + message; }
+};
+
+// A configuration that cannot be used; says which file and which place,
+// for every error found.
 class ConfigError : public std::runtime_error {
  public:
   ConfigError(const std::wstring& file, const std::wstring& place, const std::wstring& message);
+  explicit ConfigError(std::vector<Problem> problems);
+  // One line per problem.
   const std::wstring& Text() const noexcept { return m_text; }
+  const std::vector<Problem>& Problems() const noexcept { return m_problems; }
 
  private:
+  std::vector<Problem> m_problems;
   std::wstring m_text;
 };
 
@@ -45,6 +59,7 @@ struct Section {
       : place(std::move(place)), values(std::move(values)) {}
   std::wstring place;
   std::vector<std::pair<std::wstring, Value>> values;
+  std::wstring name;  // a watch group's own label (host only); empty when none
   const Value* Find(const std::wstring& key) const;
 };
 
@@ -60,12 +75,20 @@ struct PackerConfig {
   std::int64_t packIntervalSeconds = 3600;
 };
 
+// Where the host keeps its metrics file current, and how often.
+struct MetricsConfig {
+  std::wstring path;  // absolute
+  std::int64_t intervalSeconds = 15;
+};
+
 struct Config {
   std::wstring source;  // file name, or "<embedded default>"
+  std::wstring fullPath;  // the file's absolute path; empty for the embedded default
   std::vector<std::pair<std::wstring, std::wstring>> globalSettings;  // GS_ variable, value
   std::optional<WatcherConfig> watcher;
   std::optional<Section> watchdog;
   std::optional<PackerConfig> packer;
+  std::optional<MetricsConfig> metrics;
 
   // Node trees for Configure, built from the typed values.
   // `onlyGroup` limits the groups to one (or to none with kNoGroups), so a
@@ -75,6 +98,8 @@ struct Config {
   Node WatcherNode(int onlyGroup = kAllGroups) const;
   Node WatchdogNode() const;
   Node PackerNode() const;
+  // "group 'name'" or "group N", for messages.
+  std::wstring GroupLabel(std::size_t index) const;
   // Sets every GS_ variable in this process; the module reads them on load.
   void ApplyGlobalSettings() const;
 };
@@ -89,6 +114,25 @@ Config LoadConfig(const std::wstring& file, const std::wstring& moduleDirectory)
 Config DefaultConfig(const std::wstring& moduleDirectory);
 // Parses configuration text; `source` names it in errors.
 Config ParseConfig(const std::string& utf8, const std::wstring& source, const std::wstring& moduleDirectory);
+// As LoadConfig, but every error is added to `problems` and whatever could be
+// read is returned.
+Config ReadConfig(const std::wstring& file, const std::wstring& moduleDirectory, std::vector<Problem>& problems);
+Config ReadConfigText(const std::string& bytes, const std::wstring& source, const std::wstring& moduleDirectory,
+                      std::vector<Problem>& problems);
+// File bytes as UTF-8: UTF-8 with or without a byte-order mark, UTF-16 LE or
+// BE with one. False for UTF-16 that does not convert.
+bool DecodeText(const std::string& bytes, std::string& utf8);
+
+// The module's global settings the host knows: section, key and what a
+// value must be. Names compare without case, as the module reads them.
+bool IsKnownSettingsSection(const std::wstring& section);
+std::vector<std::pair<std::wstring, std::wstring>> KnownSettings();  // section, key
+// Empty when the value is fine, else why not.
+std::wstring CheckSettingValue(const std::wstring& section, const std::wstring& key, const std::wstring& value,
+                               bool* knownKey);
+
+// An absolute path with the system's separators.
+std::wstring FullPath(const std::wstring& path);
 
 std::wstring Widen(const std::string& utf8);
 std::string Narrow(const std::wstring& text);

@@ -10,10 +10,12 @@
 
 #include "Check.h"
 #include "EventSourceRegistration.h"
+#include "HostHandles.h"
 #include "Config.h"
 #include "ModuleHost.h"
 #include "Requests.h"
 #include "Runner.h"
+#include "Settings.h"
 
 namespace Host {
 
@@ -25,10 +27,6 @@ constexpr wchar_t kDemoService[] = L"WatchDog64Demo";
 
 void Heading(const char* text) { std::printf("\n== %s\n", text); }
 
-struct ScCloser {
-  void operator()(SC_HANDLE handle) const noexcept { CloseServiceHandle(handle); }
-};
-using ScHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ScCloser>;
 
 std::wstring ProgramPath() {
   wchar_t path[MAX_PATH * 4];
@@ -56,15 +54,15 @@ ScHandle StartDemoService(SC_HANDLE manager) {
   const std::wstring command = L"\"" + ProgramPath() + L"\" demo-service";
   ScHandle service(OpenServiceW(manager, kDemoService, SERVICE_ALL_ACCESS));
   if (!service) {
-    service.reset(CreateServiceW(manager, kDemoService, L"WatchDog64 demonstration service", SERVICE_ALL_ACCESS,
+    service.Reset(CreateServiceW(manager, kDemoService, L"WatchDog64 demonstration service", SERVICE_ALL_ACCESS,
                                  SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
                                  command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
   }
   if (!service) Check(HRESULT_FROM_WIN32(GetLastError()), L"creating the demonstration service");
-  if (ServiceState(service.get()) != SERVICE_RUNNING && !StartServiceW(service.get(), 0, nullptr)) {
+  if (ServiceState(service.Get()) != SERVICE_RUNNING && !StartServiceW(service.Get(), 0, nullptr)) {
     Check(HRESULT_FROM_WIN32(GetLastError()), L"starting the demonstration service");
   }
-  for (int i = 0; i < 100 && ServiceState(service.get()) != SERVICE_RUNNING; ++i) Sleep(100);
+  for (int i = 0; i < 100 && ServiceState(service.Get()) != SERVICE_RUNNING; ++i) Sleep(100);
   return service;
 }
 
@@ -137,25 +135,27 @@ int RunDemo() {
   ModuleHost host;
   std::printf("WatchDog64 demonstration: %s\n", Narrow(host.ModulePath()).c_str());
   // Registered the way an installer does, so Event Viewer reads our texts.
-  EventSourceRegistration::Register(EventSourceRegistration::FromEnvironment(host.ModuleDirectory()));
+  ModuleSettings settings(host.ModulePath());
+  const auto source = settings.EventSource();
+  const HRESULT registered = EventSourceRegistration::Register(source);
   const Config none = ParseConfig("{}", L"<demo>", host.ModuleDirectory());
 
   Heading("Disk manager: the machine's drives and the free space of two folders");
-  RunRequest(host, none, {L"ListDisks", {}, false});
-  RunRequest(host, none, {L"QueryFreeSpace", {L"DirectoryPaths=" + demo.wstring() + L";%TEMP%"}, false});
+  PrintRequest(RunRequest(host, none, {L"ListDisks", {}, false}), false);
+  PrintRequest(RunRequest(host, none, {L"QueryFreeSpace", {L"DirectoryPaths=" + demo.wstring() + L";%TEMP%"}, false}), false);
 
   Heading("Process manager: the running processes");
-  RunRequest(host, none, {L"ListProcesses", {}, false});
+  PrintRequest(RunRequest(host, none, {L"ListProcesses", {}, false}), false);
   Heading("Process manager: services known to the service manager");
-  RunRequest(host, none, {L"ListServices", {}, false});
+  PrintRequest(RunRequest(host, none, {L"ListServices", {}, false}), false);
   Heading("Process manager: a request to stop a service is validated, never acted on");
-  RunRequest(host, none, {L"StopServices", {L"Service=WatchDog64Demo|WatchDog64 demonstration service"}, false});
+  PrintRequest(RunRequest(host, none, {L"StopServices", {L"Service=WatchDog64Demo|WatchDog64 demonstration service"}, false}), false);
 
   Heading("Free-space watcher: a stop bound above the real free space stops the group's service");
   ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
   if (!manager) Check(HRESULT_FROM_WIN32(GetLastError()), L"opening the service manager");
-  ScHandle service = StartDemoService(manager.get());
-  std::printf("  service %s is %s\n", Narrow(kDemoService).c_str(), StateName(ServiceState(service.get())));
+  ScHandle service = StartDemoService(manager.Get());
+  std::printf("  service %s is %s\n", Narrow(kDemoService).c_str(), StateName(ServiceState(service.Get())));
   const std::int64_t freeMb = FreeBytes(demo.wstring()) >> 20;
   std::printf("  free space in %s: %lld MB; stop bound set to %lld MB, checked every second\n",
               demo.string().c_str(), static_cast<long long>(freeMb), static_cast<long long>(freeMb + 1024));
@@ -175,12 +175,12 @@ int RunDemo() {
     DWORD state = SERVICE_RUNNING;
     for (int i = 0; i < 150 && state != SERVICE_STOPPED; ++i) {
       Sleep(100);
-      state = ServiceState(service.get());
+      state = ServiceState(service.Get());
     }
     watcher.As<IVHShutdownable>()->Shutdown();
     std::printf("  service %s is now %s\n", Narrow(kDemoService).c_str(), StateName(state));
   }
-  DeleteService(service.get());
+  DeleteService(service.Get());
   std::printf("  the event the watcher raised, from %s:\n\n", events.string().c_str());
   PrintEvents(events);
 
@@ -198,7 +198,7 @@ int RunDemo() {
                                       {L"LogFileMask", {ValueKind::String, 0, L"*.log"}},
                                       {L"MaxLogFileAgeInHours", {ValueKind::Int64, 24}},
                                       {L"MaxLogFileSizeInMegabytes", {ValueKind::Int64, 2}}}}};
-  RunRequest(host, pack, {L"PackLogs", {}, false});
+  PrintRequest(RunRequest(host, pack, {L"PackLogs", {}, false}), false);
   std::printf("  after:\n");
   ListFolder(logs);
 
@@ -217,7 +217,10 @@ int RunDemo() {
   Heading("Where to look");
   std::printf("  module log:   %sLogs\\WatchDog64.log\n", Narrow(host.ModuleDirectory()).c_str());
   std::printf("  events file:  %s\n", events.string().c_str());
-  ReportEventSource(host.ModuleDirectory());
+  std::printf("  event source: '%s' in log '%s', message file %s: %s\n", Narrow(source.sSourceName).c_str(),
+              Narrow(source.sLogName).c_str(), Narrow(source.sMessageFile).c_str(),
+              SUCCEEDED(registered) ? "registered by this demonstration (wd64host eventsource unregister removes it)"
+                                    : Narrow(HostError(registered, L"registering").Text()).c_str());
   return 0;
 }
 

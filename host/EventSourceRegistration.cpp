@@ -67,10 +67,17 @@ bool IsSystemLog(const std::wstring& logName) {
 }  // namespace
 
 CRegistration FromEnvironment(const std::wstring& moduleDirectory) {
+  return FromNames(EnvironmentOrDefault(L"GS_CoreEventSource_EventSourceName", L"Vigil Hub"),
+                   EnvironmentOrDefault(L"GS_CoreEventSource_EventLogName", L"Kestrel Overwatch"),
+                   EnvironmentOrDefault(L"GS_CoreEventSource_MessageFile", L"CoreEventMessages.dll"), moduleDirectory);
+}
+
+CRegistration FromNames(std::wstring sourceName, std::wstring logName, std::wstring messageFile,
+                        const std::wstring& moduleDirectory) {
   CRegistration registration;
-  registration.sSourceName = EnvironmentOrDefault(L"GS_CoreEventSource_EventSourceName", L"Vigil Hub");
-  registration.sLogName = EnvironmentOrDefault(L"GS_CoreEventSource_EventLogName", L"Kestrel Overwatch");
-  registration.sMessageFile = EnvironmentOrDefault(L"GS_CoreEventSource_MessageFile", L"CoreEventMessages.dll");
+  registration.sSourceName = std::move(sourceName);
+  registration.sLogName = std::move(logName);
+  registration.sMessageFile = std::move(messageFile);
   if (IsRelativePath(registration.sMessageFile)) registration.sMessageFile = moduleDirectory + registration.sMessageFile;
   return registration;
 }

@@ -19,6 +19,9 @@ struct CRegistration {
 // variables or the defaults; a relative message file is taken from
 // `moduleDirectory` (which ends in a separator).
 CRegistration FromEnvironment(const std::wstring& moduleDirectory);
+// The same from names already looked up.
+CRegistration FromNames(std::wstring sourceName, std::wstring logName, std::wstring messageFile,
+                        const std::wstring& moduleDirectory);
 
 // The key of a source below HKLM.
 std::wstring SourceKeyPath(const std::wstring& logName, const std::wstring& sourceName);

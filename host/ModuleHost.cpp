@@ -38,7 +38,22 @@ std::wstring TakePublishedDescription() {
   return text;
 }
 
+bool g_verbose = false;
+
+// The module ends its text with " [context]" (return addresses): useful to
+// a developer, noise to an administrator.
+std::wstring WithoutContext(std::wstring text) {
+  if (!text.empty() && text.back() == L']') {
+    const auto open = text.rfind(L" [");
+    if (open != std::wstring::npos) text.erase(open);
+  }
+  return text;
+}
+
 }  // namespace
+
+void SetVerbose(bool verbose) noexcept { g_verbose = verbose; }
+bool IsVerbose() noexcept { return g_verbose; }
 
 std::wstring ProgramDirectory() {
   wchar_t path[MAX_PATH * 4];
@@ -65,6 +80,7 @@ std::wstring DescribeCode(HRESULT code, const std::wstring& moduleDirectory) {
 HostError::HostError(HRESULT code, std::wstring what) : m_code(code), m_what(std::move(what)) {
   // The module publishes "0x%08X description [context]" for its failures.
   m_description = TakePublishedDescription();
+  if (!g_verbose) m_description = WithoutContext(m_description);
   if (m_description.empty()) {
     wchar_t prefix[16];
     std::swprintf(prefix, 16, L"0x%08X ", static_cast<unsigned>(code));
@@ -79,11 +95,16 @@ void Check(HRESULT hr, const std::wstring& what) {
 }
 
 ModuleHost::ModuleHost(const std::wstring& directory) {
-  m_modulePath = (directory.empty() ? ProgramDirectory() : directory) + L"WatchDog64.dll";
-  m_library = LoadLibraryW(m_modulePath.c_str());
-  if (m_library == nullptr) {
-    throw HostError(HRESULT_FROM_WIN32(GetLastError()), L"loading " + m_modulePath);
+  const std::wstring folder = directory.empty() ? ProgramDirectory() : directory;
+  m_modulePath = folder + L"WatchDog64.dll";
+  // The module imports DataLayer.dll from its own folder; without it the
+  // loader would only say that "a module" is missing.
+  const std::wstring dataLayer = folder + L"DataLayer.dll";
+  if (GetFileAttributesW(dataLayer.c_str()) == INVALID_FILE_ATTRIBUTES) {
+    throw HostError(HRESULT_FROM_WIN32(GetLastError()), L"finding " + dataLayer + L" (WatchDog64.dll needs it beside itself)");
   }
+  m_library = LoadLibraryW(m_modulePath.c_str());
+  if (m_library == nullptr) throw HostError(HRESULT_FROM_WIN32(GetLastError()), L"loading " + m_modulePath);
   auto get = reinterpret_cast<WatchDog64::GetComponentsModuleObjectFn>(
       reinterpret_cast<void*>(GetProcAddress(m_library, WatchDog64::kGetComponentsModuleObjectName)));
   if (get == nullptr) {

@@ -59,7 +59,7 @@ class HostError {
   HostError(HRESULT code, std::wstring what);
   HRESULT Code() const noexcept { return m_code; }
   const std::wstring& What() const noexcept { return m_what; }
-  // "0x%08X description [context]"
+  // "0x%08X description", with the module's " [context]" only when verbose.
   const std::wstring& Description() const noexcept { return m_description; }
   std::wstring Text() const;
 
@@ -94,6 +94,10 @@ class ModuleHost {
   HMODULE m_library = nullptr;
   IComponentsModule* m_module = nullptr;
 };
+
+// Whether error texts keep the module's return-address context.
+void SetVerbose(bool verbose) noexcept;
+bool IsVerbose() noexcept;
 
 // Raises HostError for a failed HRESULT, describing `what` was attempted.
 void Check(HRESULT hr, const std::wstring& what);

@@ -49,4 +49,7 @@ class Node {
   HVHNODE m_handle = nullptr;
 };
 
+// Closes a handle the module handed out (through the loaded DataLayer.dll).
+void CloseNode(HVHNODE handle) noexcept;
+
 }  // namespace Host

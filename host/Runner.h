@@ -1,22 +1,35 @@
 #pragma once
 // `wd64host run` and the service: the free-space watcher, the watchdog and the
 // log packer configured from one configuration, logs packed on the host's own
-// schedule, and everything shut down and released in order at the end.
+// schedule, and everything that started shut down and released in order.
 
 #include <windows.h>
 
+#include <functional>
 #include <optional>
+#include <string>
 
 namespace Host {
 
 class ModuleHost;
 struct Config;
 
-// Runs until `stopEvent` is signalled or `forSeconds` have passed. Returns
-// the exit code; configuration failures stop before anything lasting starts.
-int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, std::optional<DWORD> forSeconds);
+struct RunOptions {
+  std::optional<DWORD> forSeconds;  // run this long; until stopped when empty
+  std::wstring metricsFile;         // wins over the configuration's metrics path
+  // Called after each component is configured (the service reports a
+  // checkpoint), and once when all of them are.
+  std::function<void()> onProgress;
+  std::function<void()> onRunning;
+};
 
-// Prints one time-stamped line of the host's own.
+// Runs until `stopEvent` is signalled or the time is up. Returns the exit
+// code: 2 when the module rejects the configuration, 1 when a call failed;
+// `failure` then holds the text for people.
+int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, const RunOptions& options,
+                  std::wstring* failure = nullptr);
+
+// Prints one line of the host's own, stamped with the local date and time.
 void Say(const char* format, ...);
 
 }  // namespace Host

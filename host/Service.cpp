@@ -2,31 +2,56 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 #include "Config.h"
+#include "EventSourceRegistration.h"
+#include "HostHandles.h"
+#include "HostMessages.h"
 #include "ModuleHost.h"
 #include "Runner.h"
+#include "Settings.h"
 
 namespace Host {
 
 namespace {
-
-struct ServiceHandleCloser {
-  void operator()(SC_HANDLE handle) const noexcept {
-    if (handle != nullptr) CloseServiceHandle(handle);
-  }
-};
-using ScHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceHandleCloser>;
 
 int Report(HRESULT hr, const std::wstring& what) {
   std::fprintf(stderr, "%s\n", Narrow(HostError(hr, what).Text()).c_str());
   return 1;
 }
 
+int ReportLastError(const std::wstring& what) { return Report(HRESULT_FROM_WIN32(GetLastError()), what); }
+
 std::wstring ProgramPath() {
   wchar_t path[MAX_PATH * 4];
   const DWORD length = GetModuleFileNameW(nullptr, path, static_cast<DWORD>(std::size(path)));
   return std::wstring(path, length);
+}
+
+const char* StateName(DWORD state) {
+  switch (state) {
+    case SERVICE_STOPPED: return "stopped";
+    case SERVICE_START_PENDING: return "starting";
+    case SERVICE_STOP_PENDING: return "stopping";
+    case SERVICE_RUNNING: return "running";
+    case SERVICE_CONTINUE_PENDING: return "continuing";
+    case SERVICE_PAUSE_PENDING: return "pausing";
+    case SERVICE_PAUSED: return "paused";
+    default: return "unknown";
+  }
+}
+
+// Waits while the service is in `pending`; the state it settled in.
+SERVICE_STATUS WaitWhile(SC_HANDLE service, DWORD pending, DWORD timeoutMs) {
+  SERVICE_STATUS status{};
+  for (DWORD waited = 0; QueryServiceStatus(service, &status) && status.dwCurrentState == pending &&
+                         waited < timeoutMs;
+       waited += 200) {
+    Sleep(200);
+  }
+  return status;
 }
 
 // State shared with the service manager's threads; one service a process.
@@ -35,16 +60,20 @@ struct ServiceState {
   SERVICE_STATUS_HANDLE statusHandle = nullptr;
   HANDLE stopEvent = nullptr;
   bool idle = false;
-  int exitCode = 0;
+  DWORD checkpoint = 0;
+  DWORD specificExitCode = 0;
 } g_service;
 
-void SetState(DWORD state, DWORD exitCode = NO_ERROR) {
+void SetState(DWORD state, DWORD specificExitCode = 0) {
   SERVICE_STATUS status{};
   status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
   status.dwCurrentState = state;
   status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN : 0;
-  status.dwWin32ExitCode = exitCode;
-  status.dwWaitHint = state == SERVICE_RUNNING || state == SERVICE_STOPPED ? 0 : 10000;
+  status.dwWin32ExitCode = specificExitCode == 0 ? NO_ERROR : ERROR_SERVICE_SPECIFIC_ERROR;
+  status.dwServiceSpecificExitCode = specificExitCode;
+  const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
+  status.dwCheckPoint = pending ? ++g_service.checkpoint : 0;
+  status.dwWaitHint = pending ? 30000 : 0;
   SetServiceStatus(g_service.statusHandle, &status);
 }
 
@@ -57,79 +86,284 @@ DWORD WINAPI OnControl(DWORD control, DWORD, void*, void*) {
   return control == SERVICE_CONTROL_INTERROGATE ? NO_ERROR : ERROR_CALL_NOT_IMPLEMENTED;
 }
 
+// An event under the host's own source; a service has no console to print to.
+void ReportHostEvent(WORD type, DWORD id, const std::vector<std::wstring>& strings) {
+  EventSourceHandle source(RegisterEventSourceW(nullptr, kHostEventSource));
+  if (!source) return;
+  std::vector<const wchar_t*> pointers;
+  for (const std::wstring& text : strings) pointers.push_back(text.c_str());
+  ReportEventW(source.Get(), type, 0, id, nullptr, static_cast<WORD>(pointers.size()), 0, pointers.data(), nullptr);
+}
+
+// One line in the module's own log, in its format, so the failure is found
+// next to what the module wrote while it was being configured.
+void WriteModuleLogLine(const std::wstring& modulePath, const std::wstring& text) {
+  ModuleSettings settings(modulePath);
+  std::wstring folder = settings.Get(L"Logger", L"Path", L"Logs\\");
+  wchar_t expanded[MAX_PATH * 4];
+  const DWORD length = ExpandEnvironmentStringsW(folder.c_str(), expanded, static_cast<DWORD>(std::size(expanded)));
+  if (length > 0 && length <= std::size(expanded)) folder = expanded;
+  if (folder.size() < 2 || (folder[1] != L':' && folder[0] != L'\\')) {
+    folder = modulePath.substr(0, modulePath.find_last_of(L"\\/") + 1) + folder;
+  }
+  if (!folder.empty() && folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
+  const std::wstring file = folder + L"WatchDog64.log";
+  FileHandle handle(CreateFileW(file.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!handle) return;
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  wchar_t line[512];
+  std::swprintf(line, std::size(line), L"%04u-%02u-%02u %02u:%02u:%02u.%03u | ERR  | %-5lu %-5lu | %-30ls | ",
+                now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds,
+                GetCurrentProcessId(), GetCurrentThreadId(), L"wd64host:service");
+  std::wstring entry = line + text;
+  for (wchar_t& c : entry) {
+    if (c == L'\r' || c == L'\n') c = L' ';
+  }
+  entry += L"\r\n";
+  DWORD written = 0;
+  WriteFile(handle.Get(), entry.data(), static_cast<DWORD>(entry.size() * sizeof(wchar_t)), &written, nullptr);
+}
+
 void WINAPI ServiceMain(DWORD, wchar_t**) {
-  g_service.statusHandle =
-      RegisterServiceCtrlHandlerExW(g_service.options.name.c_str(), OnControl, nullptr);
+  g_service.statusHandle = RegisterServiceCtrlHandlerExW(g_service.options.name.c_str(), OnControl, nullptr);
   if (g_service.statusHandle == nullptr) return;
   SetState(SERVICE_START_PENDING);
-  SetState(SERVICE_RUNNING);
   if (g_service.idle) {
+    SetState(SERVICE_RUNNING);
     WaitForSingleObject(g_service.stopEvent, INFINITE);
-  } else {
-    try {
-      ModuleHost host;
-      const Config config = g_service.options.configFile.empty()
-                                ? DefaultConfig(host.ModuleDirectory())
-                                : LoadConfig(g_service.options.configFile, host.ModuleDirectory());
-      g_service.exitCode = RunComponents(host, config, g_service.stopEvent, std::nullopt);
-    } catch (const HostError& error) {
-      Say("%s", Narrow(error.Text()).c_str());
-      g_service.exitCode = 1;
-    } catch (const ConfigError& error) {
-      Say("%s", Narrow(error.Text()).c_str());
-      g_service.exitCode = 1;
-    }
+    SetState(SERVICE_STOPPED);
+    return;
   }
-  SetState(SERVICE_STOPPED, g_service.exitCode == 0 ? NO_ERROR : ERROR_SERVICE_SPECIFIC_ERROR);
+
+  const ServiceOptions& options = g_service.options;
+  const std::wstring configName = options.configFile.empty() ? L"<embedded default>" : options.configFile;
+  std::wstring failure;
+  std::wstring modulePath;
+  DWORD code = 0;
+  bool running = false;
+  try {
+    // Settings from the configuration must be in the environment before the
+    // module loads.
+    const Config config = options.configFile.empty() ? DefaultConfig(ProgramDirectory())
+                                                     : LoadConfig(options.configFile, ProgramDirectory());
+    config.ApplyGlobalSettings();
+    SetState(SERVICE_START_PENDING);
+    ModuleHost host;
+    modulePath = host.ModulePath();
+    SetState(SERVICE_START_PENDING);
+    RunOptions run;
+    run.metricsFile = options.metricsFile;
+    run.onProgress = [] { SetState(SERVICE_START_PENDING); };
+    run.onRunning = [&] {
+      running = true;
+      SetState(SERVICE_RUNNING);
+      ReportHostEvent(EVENTLOG_INFORMATION_TYPE, MSG_HOST_SERVICE_STARTED, {options.name, configName, L"configured"});
+    };
+    const int exitCode = RunComponents(host, config, g_service.stopEvent, run, &failure);
+    if (exitCode == 2) code = kServiceConfigRejected;
+    if (exitCode == 1) code = kServiceCallFailed;
+  } catch (const ConfigError& error) {
+    failure = error.Text();
+    code = kServiceConfigUnreadable;
+  } catch (const HostError& error) {
+    failure = error.Text();
+    code = kServiceCallFailed;
+  } catch (const std::exception& error) {
+    failure = Widen(error.what());
+    code = kServiceCallFailed;
+  }
+  if (code != 0) {
+    if (running) {
+      ReportHostEvent(EVENTLOG_ERROR_TYPE, MSG_HOST_SERVICE_FAILED, {options.name, failure});
+    } else {
+      ReportHostEvent(EVENTLOG_ERROR_TYPE, MSG_HOST_SERVICE_START_FAILED, {options.name, configName, failure});
+    }
+    if (!modulePath.empty()) WriteModuleLogLine(modulePath, L"service " + options.name + L" stops: " + failure);
+  } else {
+    ReportHostEvent(EVENTLOG_INFORMATION_TYPE, MSG_HOST_SERVICE_STOPPED, {options.name});
+  }
+  g_service.specificExitCode = code;
+  SetState(SERVICE_STOPPED, code);
 }
 
 int Dispatch() {
   g_service.stopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   SERVICE_TABLE_ENTRYW table[] = {{g_service.options.name.data(), ServiceMain}, {nullptr, nullptr}};
   if (!StartServiceCtrlDispatcherW(table)) {
-    return Report(HRESULT_FROM_WIN32(GetLastError()), L"starting the service dispatcher (run this through the service manager)");
+    return ReportLastError(L"starting the service dispatcher (only the service manager runs this; use "
+                           L"'wd64host run' at a prompt)");
   }
-  return g_service.exitCode;
+  return g_service.specificExitCode == 0 ? 0 : 1;
 }
+
+ScHandle OpenManager(DWORD access) { return ScHandle(OpenSCManagerW(nullptr, nullptr, access)); }
 
 }  // namespace
 
+long RegisterHostEventSource() {
+  RegistryKey key;
+  const std::wstring path = EventSourceRegistration::SourceKeyPath(kHostEventLog, kHostEventSource);
+  LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                   KEY_SET_VALUE, nullptr, key.Put(), nullptr);
+  if (status != ERROR_SUCCESS) return HRESULT_FROM_WIN32(static_cast<DWORD>(status));
+  const std::wstring file = ProgramPath();
+  const DWORD types = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
+  status = RegSetValueExW(key.Get(), L"EventMessageFile", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(file.c_str()),
+                          static_cast<DWORD>((file.size() + 1) * sizeof(wchar_t)));
+  if (status == ERROR_SUCCESS) {
+    status = RegSetValueExW(key.Get(), L"TypesSupported", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&types), sizeof types);
+  }
+  return HRESULT_FROM_WIN32(static_cast<DWORD>(status));
+}
+
+long UnregisterHostEventSource() { return EventSourceRegistration::Unregister(kHostEventLog, kHostEventSource); }
+
 int InstallService(const ServiceOptions& options) {
   std::wstring command = L"\"" + ProgramPath() + L"\" service run --name \"" + options.name + L"\"";
-  if (!options.configFile.empty()) {
-    command += L" --config \"" + std::filesystem::absolute(options.configFile).wstring() + L"\"";
-  }
-  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
-  if (!manager) return Report(HRESULT_FROM_WIN32(GetLastError()), L"opening the service manager");
+  if (!options.configFile.empty()) command += L" --config \"" + options.configFile + L"\"";
+  if (!options.metricsFile.empty()) command += L" --metrics-file \"" + options.metricsFile + L"\"";
+  ScHandle manager = OpenManager(SC_MANAGER_CREATE_SERVICE | SC_MANAGER_CONNECT);
+  if (!manager) return ReportLastError(L"opening the service manager (an elevated prompt is needed)");
   const std::wstring display = options.name + L" server health watchdog";
-  ScHandle service(CreateServiceW(manager.get(), options.name.c_str(), display.c_str(), SERVICE_ALL_ACCESS,
-                                  SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
-                                  command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
-  if (!service) return Report(HRESULT_FROM_WIN32(GetLastError()), L"creating service '" + options.name + L"'");
+  bool updated = false;
+  ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_ALL_ACCESS));
+  if (service) {
+    // An existing installation takes the new command line; it runs it from
+    // its next start.
+    if (!ChangeServiceConfigW(service.Get(), SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
+                              command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, display.c_str())) {
+      return ReportLastError(L"updating service '" + options.name + L"'");
+    }
+    updated = true;
+  } else {
+    service.Reset(CreateServiceW(manager.Get(), options.name.c_str(), display.c_str(), SERVICE_ALL_ACCESS,
+                                 SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, command.c_str(),
+                                 nullptr, nullptr, nullptr, nullptr, nullptr));
+    if (!service) return ReportLastError(L"creating service '" + options.name + L"'");
+  }
   std::wstring text = L"Watches free disk space, stops services before a disk runs full, and packs old logs.";
   SERVICE_DESCRIPTIONW description{text.data()};
-  ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_DESCRIPTION, &description);
-  std::printf("service '%s' installed: %s\n", Narrow(options.name).c_str(), Narrow(command).c_str());
+  ChangeServiceConfig2W(service.Get(), SERVICE_CONFIG_DESCRIPTION, &description);
+  // Restarted after a minute, twice a day at most; a failing start reports
+  // itself in the event log each time.
+  SC_ACTION actions[] = {{SC_ACTION_RESTART, 60000}, {SC_ACTION_RESTART, 60000}, {SC_ACTION_NONE, 0}};
+  SERVICE_FAILURE_ACTIONSW failure{};
+  failure.dwResetPeriod = 86400;
+  failure.cActions = static_cast<DWORD>(std::size(actions));
+  failure.lpsaActions = actions;
+  const bool restarts = ChangeServiceConfig2W(service.Get(), SERVICE_CONFIG_FAILURE_ACTIONS, &failure) != FALSE;
+  SERVICE_FAILURE_ACTIONS_FLAG onErrorExit{TRUE};
+  ChangeServiceConfig2W(service.Get(), SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &onErrorExit);
+  const HRESULT source = RegisterHostEventSource();
+  std::printf("service '%s' %s: %s\n", Narrow(options.name).c_str(), updated ? "updated" : "installed",
+              Narrow(command).c_str());
+  std::printf("  account LocalSystem, automatic start%s\n",
+              restarts ? ", restarted 60 s after a failure (twice a day at most)" : "");
+  if (FAILED(source)) {
+    std::fprintf(stderr, "%s\n", Narrow(HostError(source, L"registering event source 'WatchDog64'").Text()).c_str());
+    return 1;
+  }
+  std::printf("  event source '%ls' in log '%ls' registered for its start failures\n", kHostEventSource,
+              kHostEventLog);
+  if (updated) std::printf("  a running service takes the new command line at its next start\n");
   return 0;
 }
 
 int UninstallService(const ServiceOptions& options) {
-  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  if (!manager) return Report(HRESULT_FROM_WIN32(GetLastError()), L"opening the service manager");
-  ScHandle service(OpenServiceW(manager.get(), options.name.c_str(), SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE));
-  if (!service) return Report(HRESULT_FROM_WIN32(GetLastError()), L"opening service '" + options.name + L"'");
+  ScHandle manager = OpenManager(SC_MANAGER_CONNECT);
+  if (!manager) return ReportLastError(L"opening the service manager");
+  ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE));
+  if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
   SERVICE_STATUS status{};
-  if (ControlService(service.get(), SERVICE_CONTROL_STOP, &status)) {
+  if (ControlService(service.Get(), SERVICE_CONTROL_STOP, &status)) {
     // Give it the time a clean shutdown of the components takes.
-    for (int i = 0; i < 100 && QueryServiceStatus(service.get(), &status) && status.dwCurrentState != SERVICE_STOPPED;
-         ++i) {
-      Sleep(100);
+    WaitWhile(service.Get(), SERVICE_STOP_PENDING, 30000);
+  }
+  if (!DeleteService(service.Get())) return ReportLastError(L"deleting service '" + options.name + L"'");
+  std::printf("service '%s' removed\n", Narrow(options.name).c_str());
+  const HRESULT source = UnregisterHostEventSource();
+  if (FAILED(source)) {
+    std::fprintf(stderr, "%s\n", Narrow(HostError(source, L"removing event source 'WatchDog64'").Text()).c_str());
+    return 1;
+  }
+  return 0;
+}
+
+int StartInstalledService(const ServiceOptions& options) {
+  ScHandle manager = OpenManager(SC_MANAGER_CONNECT);
+  if (!manager) return ReportLastError(L"opening the service manager");
+  ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_START | SERVICE_QUERY_STATUS));
+  if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
+  if (!StartServiceW(service.Get(), 0, nullptr) && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) {
+    return ReportLastError(L"starting service '" + options.name + L"'");
+  }
+  const SERVICE_STATUS status = WaitWhile(service.Get(), SERVICE_START_PENDING, 60000);
+  if (status.dwCurrentState == SERVICE_RUNNING) {
+    std::printf("service '%s' is running\n", Narrow(options.name).c_str());
+    return 0;
+  }
+  std::fprintf(stderr, "service '%s' did not start: %s, exit code %lu, service-specific code %lu (the reason is in "
+               "the Application event log, source WatchDog64)\n",
+               Narrow(options.name).c_str(), StateName(status.dwCurrentState), status.dwWin32ExitCode,
+               status.dwServiceSpecificExitCode);
+  return 1;
+}
+
+int StopInstalledService(const ServiceOptions& options) {
+  ScHandle manager = OpenManager(SC_MANAGER_CONNECT);
+  if (!manager) return ReportLastError(L"opening the service manager");
+  ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_STOP | SERVICE_QUERY_STATUS));
+  if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
+  SERVICE_STATUS status{};
+  if (QueryServiceStatus(service.Get(), &status) && status.dwCurrentState == SERVICE_STOPPED) {
+    std::printf("service '%s' is already stopped\n", Narrow(options.name).c_str());
+    return 0;
+  }
+  if (!ControlService(service.Get(), SERVICE_CONTROL_STOP, &status)) {
+    // Another stop may be under way (or just done): then it is a wait.
+    const DWORD error = GetLastError();
+    status = WaitWhile(service.Get(), SERVICE_STOP_PENDING, 60000);
+    if (status.dwCurrentState != SERVICE_STOPPED) {
+      return Report(HRESULT_FROM_WIN32(error), L"stopping service '" + options.name + L"'");
     }
   }
-  if (!DeleteService(service.get())) {
-    return Report(HRESULT_FROM_WIN32(GetLastError()), L"deleting service '" + options.name + L"'");
+  status = WaitWhile(service.Get(), SERVICE_STOP_PENDING, 60000);
+  if (status.dwCurrentState != SERVICE_STOPPED) {
+    std::fprintf(stderr, "service '%s' is still %s\n", Narrow(options.name).c_str(), StateName(status.dwCurrentState));
+    return 1;
   }
-  std::printf("service '%s' removed\n", Narrow(options.name).c_str());
+  std::printf("service '%s' stopped\n", Narrow(options.name).c_str());
+  return 0;
+}
+
+int ServiceStatus(const ServiceOptions& options) {
+  ScHandle manager = OpenManager(SC_MANAGER_CONNECT);
+  if (!manager) return ReportLastError(L"opening the service manager");
+  ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG));
+  if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
+  SERVICE_STATUS_PROCESS status{};
+  DWORD needed = 0;
+  if (!QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status,
+                            &needed)) {
+    return ReportLastError(L"querying service '" + options.name + L"'");
+  }
+  std::printf("service '%s': %s", Narrow(options.name).c_str(), StateName(status.dwCurrentState));
+  if (status.dwCurrentState != SERVICE_STOPPED) std::printf(", process %lu", status.dwProcessId);
+  if (status.dwWin32ExitCode == ERROR_SERVICE_SPECIFIC_ERROR) {
+    std::printf(", last exit: service-specific code %lu", status.dwServiceSpecificExitCode);
+  } else if (status.dwWin32ExitCode != NO_ERROR) {
+    std::printf(", last exit: %lu", status.dwWin32ExitCode);
+  }
+  std::printf("\n");
+  QueryServiceConfigW(service.Get(), nullptr, 0, &needed);
+  std::vector<BYTE> buffer(needed);
+  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
+  if (needed > 0 && QueryServiceConfigW(service.Get(), config, needed, &needed)) {
+    std::printf("  command: %s\n  account: %s\n", Narrow(config->lpBinaryPathName).c_str(),
+                config->lpServiceStartName ? Narrow(config->lpServiceStartName).c_str() : "LocalSystem");
+  }
   return 0;
 }
 

@@ -167,7 +167,9 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
 
   const Result result = RunHost(L"run --for 5 --config \"" + config.wstring() + L"\"");
   EXPECT_EQ(result.exitCode, 0u) << result.output;
-  ExpectOutput(result, {"log packer: pack run finished", "free-space watcher: stopped", "watchdog: stopped"});
+  ExpectOutput(result, {"log packer: packed 1 file, 2097153 bytes into logs_", "free-space watcher: configured, 1 group(s)",
+                        "watchdog: configured, heartbeat every 1 s", "free-space watcher: stopped", "watchdog: stopped",
+                        "log packer: released"});
 
   const std::string entries = ReadUtf16(events);
   EXPECT_NE(entries.find("EventId: 4302; Type: 'Error'(1)"), std::string::npos) << entries;
@@ -183,40 +185,6 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   EXPECT_EQ(archives, 1);
 }
 
-TEST(HostRequest, TableAndJsonAgree) {
-  const Result table = RunHost(L"request ListDisks");
-  ASSERT_EQ(table.exitCode, 0u) << table.output;
-  EXPECT_EQ(table.output.rfind("Node ", 0), 0u) << table.output;
-  ExpectOutput(table, {"C:\\"});
-
-  const Result json = RunHost(L"request ListDisks --json");
-  ASSERT_EQ(json.exitCode, 0u) << json.output;
-  const auto parsed = nlohmann::json::parse(json.output);
-  EXPECT_EQ(parsed["request"], "ListDisks");
-  ASSERT_GE(parsed["items"].size(), 1u);
-  const auto& first = parsed["items"][0];
-  EXPECT_EQ(first["type"], "Disk");
-  EXPECT_EQ(first["name"], first["NtPath"]);
-  EXPECT_NE(table.output.find(first["NtPath"].get<std::string>()), std::string::npos);
-
-  const Result space = RunHost(L"request QueryFreeSpace \"DirectoryPaths=C:\\;%TEMP%\" --json");
-  ASSERT_EQ(space.exitCode, 0u) << space.output;
-  const auto freeSpace = nlohmann::json::parse(space.output)["FreeSpace"];
-  ASSERT_EQ(freeSpace.size(), 2u);
-  EXPECT_EQ(freeSpace[1]["path"], "%TEMP%");
-  EXPECT_GT(freeSpace[0]["freeBytes"].get<long long>(), 0);
-
-  // A module failure reaches the administrator with the module's text.
-  const Result missing = RunHost(L"request QueryFreeSpace \"DirectoryPaths=Q:\\nowhere\"");
-  EXPECT_EQ(missing.exitCode, 1u);
-  // Path or file not found, as the system says it for a missing drive.
-  ExpectOutput(missing, {"QueryFreeSpace failed: 0x8007000"});
-
-  const Result unknown = RunHost(L"request listdisks");
-  EXPECT_EQ(unknown.exitCode, 2u);
-  ExpectOutput(unknown, {"unknown request 'listdisks'"});
-}
-
 TEST(HostConfig, ErrorsNameTheFileAndThePlaceAndNothingStarts) {
   const fs::path folder = TestFolder("config");
   const fs::path events = folder / "events.log";
@@ -229,13 +197,13 @@ TEST(HostConfig, ErrorsNameTheFileAndThePlaceAndNothingStarts) {
        "line 2, column 46: syntax error while parsing object key"},
       {"{ \"watchdog\": { \"RefreshIntervalSeconds\": \"30\" } }",
        "/watchdog/RefreshIntervalSeconds: expected a whole number"},
-      {"{ \"watchdg\": {} }", "/watchdg: unknown component"},
+      {"{ \"watchdg\": {} }", "/watchdg: unknown section"},
       {"{ \"freeSpaceWatcher\": { \"groups\": [ { \"Paths\": [\"C:\\\\\"] } ] } }",
        "/freeSpaceWatcher/groups/0: missing required key \"ServiceNames\""},
       {"{ \"freeSpaceWatcher\": { \"ActionsPerformIntervalSec\": 3000000000 } }",
-       "/freeSpaceWatcher/ActionsPerformIntervalSec: number out of the 32-bit range"},
+       "/freeSpaceWatcher/ActionsPerformIntervalSec: must be 1 to 4294967"},
       {"{ \"freeSpaceWatcher\": { \"groups\": [ { \"Paths\": [], \"ServiceNames\": [],"
-       " \"FreeSpaceWarningLowerBoundGB\": 1, \"FreeSpaceWarningLowerBoundMB\": 1024 } ] } }",
+       " \"FreeSpaceWarningLowerBoundGB\": 1, \"FreeSpaceWarningLowerBoundMB\": 1024, \"FreeSpaceWarningLowerBoundGB\": 2 } ] } }",
        "/freeSpaceWatcher/groups/0/FreeSpaceWarningLowerBoundMB: give"},
   };
   for (const Case& c : cases) {
@@ -247,78 +215,76 @@ TEST(HostConfig, ErrorsNameTheFileAndThePlaceAndNothingStarts) {
     ExpectOutput(result, {"bad.jsonc: "});
     EXPECT_NE(result.output.find(c.expected), std::string::npos) << result.output;
     EXPECT_EQ(result.output.find("running"), std::string::npos) << result.output;
+    EXPECT_EQ(result.output.find("configured"), std::string::npos) << result.output;
   }
   EXPECT_FALSE(fs::exists(events));
-}
-
-TEST(HostCheck, NamesTheFailingGroupWithTheModulesDescription) {
-  const fs::path folder = TestFolder("check");
-  const fs::path config = folder / "check.jsonc";
-  WriteFile(config,
-            "{ \"freeSpaceWatcher\": { \"groups\": [\n"
-            "  { \"Paths\": [\"C:\\\\\"], \"ServiceNames\": [] },\n"
-            "  { \"Paths\": [\"C:\\\\\"], \"ServiceNames\": [], \"FreeSpaceStopServicesLowerBoundGB\": 30 } ] },\n"
-            "  \"watchdog\": { \"RefreshIntervalSeconds\": 30 } }\n");
-  const Result result = RunHost(L"check --config \"" + config.wstring() + L"\"");
-  EXPECT_EQ(result.exitCode, 1u) << result.output;
-  ExpectOutput(result, {"ok      /freeSpaceWatcher/groups/0", "FAILED  /freeSpaceWatcher/groups/1: 0x80070057",
-                        "ok      /watchdog", "event source 'Vigil Hub'"});
-
-  const Result defaults = RunHost(L"check");
-  EXPECT_EQ(defaults.exitCode, 0u) << defaults.output;
-  ExpectOutput(defaults, {"configuration is valid"});
-}
-
-TEST(HostService, InstallStartStopUninstall) {
-  const fs::path folder = TestFolder("service");
-  const fs::path config = folder / "service.jsonc";
-  WriteFile(config, "{ \"watchdog\": { \"RefreshIntervalSeconds\": 1 } }");
-  const wchar_t* name = L"WD64HostServiceTest";
-  const Result install =
-      RunHost(L"service install --name " + std::wstring(name) + L" --config \"" + config.wstring() + L"\"");
-  ASSERT_EQ(install.exitCode, 0u) << install.output;
-
-  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-  ScHandle service(OpenServiceW(manager.get(), name, SERVICE_ALL_ACCESS));
-  ASSERT_TRUE(service);
-  EXPECT_TRUE(StartServiceW(service.get(), 0, nullptr)) << GetLastError();
-  EXPECT_EQ(WaitForState(service.get(), SERVICE_RUNNING, 20000), static_cast<DWORD>(SERVICE_RUNNING));
-  SERVICE_STATUS status{};
-  EXPECT_TRUE(ControlService(service.get(), SERVICE_CONTROL_STOP, &status));
-  EXPECT_EQ(WaitForState(service.get(), SERVICE_STOPPED, 20000), static_cast<DWORD>(SERVICE_STOPPED));
-  QueryServiceStatus(service.get(), &status);
-  EXPECT_EQ(status.dwWin32ExitCode, static_cast<DWORD>(NO_ERROR));
-  service.reset();
-
-  const Result uninstall = RunHost(L"service uninstall --name " + std::wstring(name));
-  EXPECT_EQ(uninstall.exitCode, 0u) << uninstall.output;
-  ScHandle gone(OpenServiceW(manager.get(), name, SERVICE_QUERY_STATUS));
-  EXPECT_FALSE(gone);
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
 }
 
 TEST(HostConfigParse, TypesRangesAndRelativePaths) {
   const Host::Config config = Host::ParseConfig(
       R"({ "logPacker": { "LogsDirectoryPath": "Logs", "LogFileMask": "*.log", "MaxLogFileAgeInHours": 1,
-           "MaxLogFileSizeInMegabytes": 9223372036854775807 },
-           "watchdog": { "RefreshIntervalSeconds": -5 } })",
+           "MaxLogFileSizeInMegabytes": 17592186044415 },
+           "freeSpaceWatcher": { "groups": [ { "name": "audit", "Paths": ["C:\\"], "ServiceNames": [] },
+                                             { "Paths": ["D:\\"], "ServiceNames": [] } ] },
+           "metrics": { "path": "wd64.prom" },
+           "globalSettings": { "logger": { "maxseverity": "info", "KeepOpenInterval": "0x10" } } })",
       L"inline", L"C:\\Module\\");
   ASSERT_TRUE(config.packer);
   EXPECT_EQ(config.packer->settings.Find(L"LogsDirectoryPath")->text, L"C:\\Module\\Logs");
-  EXPECT_EQ(config.packer->settings.Find(L"MaxLogFileSizeInMegabytes")->number, 9223372036854775807LL);
   EXPECT_EQ(config.packer->packIntervalSeconds, 3600);
-  EXPECT_EQ(config.watchdog->Find(L"RefreshIntervalSeconds")->number, -5);  // the module decides what it means
-  EXPECT_FALSE(config.watcher);
+  EXPECT_EQ(config.GroupLabel(0), L"group 'audit'");
+  EXPECT_EQ(config.GroupLabel(1), L"group 1");
+  ASSERT_TRUE(config.metrics);
+  EXPECT_EQ(config.metrics->path, L"C:\\Module\\wd64.prom");
+  EXPECT_EQ(config.metrics->intervalSeconds, 15);
+  EXPECT_EQ(config.globalSettings.size(), 2u);  // names compare without case, as the module reads them
 
-  EXPECT_THROW(Host::ParseConfig(R"({ "watchdog": { "RefreshIntervalSeconds": 1.5 } })", L"inline", L""),
-               Host::ConfigError);
-  EXPECT_THROW(
-      Host::ParseConfig(R"({ "watchdog": { "RefreshIntervalSeconds": 18446744073709551615 } })", L"inline", L""),
-      Host::ConfigError);
+  // Every error of one text is found, not only the first.
+  std::vector<Host::Problem> problems;
+  Host::ReadConfigText(R"({ "watchdog": { "RefreshIntervalSeconds": 1.5, "RefreshIntervalSeconds": 2 },
+                            "logPacker": { "LogsDirectoryPath": "", "LogFileMask": "*.log", "MaxLogFileAgeInHours": 1,
+                                           "MaxLogFileSizeInMegabytes": 17592186044416 },
+                            "freeSpaceWatcher": { "groups": [ { "name": 7, "Paths": [""], "ServiceNames": [] } ] },
+                            "metrics": { "path": "m.prom", "every": 5 } })",
+                       L"inline", L"", problems);
+  std::vector<std::wstring> places;
+  for (const Host::Problem& problem : problems) places.push_back(problem.place);
+  EXPECT_EQ(places, (std::vector<std::wstring>{L"/watchdog/RefreshIntervalSeconds", L"/freeSpaceWatcher/groups/0/Paths/0",
+                                               L"/freeSpaceWatcher/groups/0/name", L"/logPacker/LogsDirectoryPath",
+                                               L"/logPacker/MaxLogFileSizeInMegabytes", L"/metrics/every"}));
   EXPECT_THROW(Host::ParseConfig(R"([1, 2])", L"inline", L""), Host::ConfigError);
   const Host::Config defaults = Host::DefaultConfig(L"C:\\Module\\");
   EXPECT_EQ(defaults.source, L"<embedded default>");
   EXPECT_EQ(defaults.watcher->groups.size(), 1u);
+}
+
+TEST(HostConfigParse, DuplicateKeysAndEncodings) {
+  std::vector<Host::Problem> problems;
+  Host::ReadConfigText(R"({ "freeSpaceWatcher": { "groups": [ { "Paths": ["C:\\"], "ServiceNames": [] },
+                             { "Paths": ["C:\\"], "Paths": ["D:\\"], "ServiceNames": [] } ] },
+                            "a/b": { "x~y": 1, "x~y": 2 } })",
+                       L"inline", L"", problems);
+  ASSERT_GE(problems.size(), 2u);
+  EXPECT_EQ(problems[0].place, L"/freeSpaceWatcher/groups/1/Paths");
+  EXPECT_EQ(problems[1].place, L"/a~1b/x~0y");
+
+  const std::wstring text = L"{ \"watchdog\": { \"RefreshIntervalSeconds\": 30 } } \u00DF\u65E5";
+  std::string little = "\xFF\xFE", big = "\xFE\xFF";
+  for (wchar_t c : text) {
+    little += static_cast<char>(c & 0xFF);
+    little += static_cast<char>(c >> 8);
+    big += static_cast<char>(c >> 8);
+    big += static_cast<char>(c & 0xFF);
+  }
+  std::string utf8;
+  ASSERT_TRUE(Host::DecodeText(little, utf8));
+  EXPECT_EQ(Host::Widen(utf8), text);
+  ASSERT_TRUE(Host::DecodeText(big, utf8));
+  EXPECT_EQ(Host::Widen(utf8), text);
+  ASSERT_TRUE(Host::DecodeText("\xEF\xBB\xBF{}", utf8));
+  EXPECT_EQ(utf8, "{}");
+  EXPECT_FALSE(Host::DecodeText(little + "x", utf8));                 // odd length
+  EXPECT_FALSE(Host::DecodeText(std::string("\xFF\xFE\x00\xD8", 4), utf8));  // a lone surrogate
 }
 
 }  // namespace

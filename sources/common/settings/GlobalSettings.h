@@ -9,6 +9,7 @@
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "CriticalSection.h"
@@ -55,6 +56,9 @@ class CEnvVarGSProvider : public StringGSProviderBase {
 class CIniFileGSProvider : public StringGSProviderBase {
  public:
   CIniFileGSProvider();
+  // The given candidates instead of this process's own: for a host that
+  // reads the settings of a module it loads.
+  explicit CIniFileGSProvider(std::vector<std::wstring> candidates) : m_aCandidates(std::move(candidates)) {}
   HRESULT GetString(const wchar_t* section, const wchar_t* key, std::wstring& value) override;
 
   const std::vector<std::wstring>& Candidates() const noexcept { return m_aCandidates; }
