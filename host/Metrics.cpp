@@ -10,33 +10,13 @@
 #include <mutex>
 
 #include "Config.h"
+#include "HostHandles.h"
 #include "ModuleHost.h"
 #include "Nodes.h"
 
 namespace Host {
 
 namespace {
-
-struct ServiceHandleCloser {
-  void operator()(SC_HANDLE handle) const noexcept {
-    if (handle != nullptr) CloseServiceHandle(handle);
-  }
-};
-using ScHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceHandleCloser>;
-
-struct FileCloser {
-  void operator()(HANDLE handle) const noexcept {
-    if (handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
-  }
-};
-using FileHandle = std::unique_ptr<void, FileCloser>;
-
-struct FindCloser {
-  void operator()(HANDLE handle) const noexcept {
-    if (handle != INVALID_HANDLE_VALUE) FindClose(handle);
-  }
-};
-using FindHandle = std::unique_ptr<void, FindCloser>;
 
 constexpr std::int64_t kGB = std::int64_t{1} << 30;
 constexpr std::int64_t kMB = std::int64_t{1} << 20;
@@ -169,7 +149,9 @@ bool ProcessEnded(DWORD pid) {
 
 }  // namespace
 
-std::wstring GroupLabel(const Section&, std::size_t index) { return std::to_wstring(index); }
+std::wstring GroupLabel(const Section& group, std::size_t index) {
+  return group.name.empty() ? std::to_wstring(index) : group.name;
+}
 
 GroupBounds ReadBounds(const Section& group) {
   GroupBounds bounds;
@@ -306,14 +288,14 @@ void MetricsWriter::State::Services(std::vector<GroupSample>& groups) {
   for (GroupSample& group : groups) {
     group.servicesKnown = true;
     for (ServiceSample& service : group.services) {
-      const ScHandle handle(OpenServiceW(manager.get(), service.name.c_str(), SERVICE_QUERY_STATUS));
+      const ScHandle handle(OpenServiceW(manager.Get(), service.name.c_str(), SERVICE_QUERY_STATUS));
       if (!handle) {
         const DWORD error = GetLastError();
         service.exists = error != ERROR_SERVICE_DOES_NOT_EXIST && error != ERROR_INVALID_NAME;
         continue;
       }
       SERVICE_STATUS status{};
-      service.running = QueryServiceStatus(handle.get(), &status) && status.dwCurrentState == SERVICE_RUNNING;
+      service.running = QueryServiceStatus(handle.Get(), &status) && status.dwCurrentState == SERVICE_RUNNING;
     }
   }
 }
@@ -434,7 +416,7 @@ void MetricsWriter::State::RemoveStaleTemporaries() const {
   const std::wstring name = path.substr(folder.size());
   WIN32_FIND_DATAW found{};
   const FindHandle find(FindFirstFileW((path + L".*.tmp").c_str(), &found));
-  if (find.get() == INVALID_HANDLE_VALUE) return;
+  if (!find) return;
   do {
     const std::wstring candidate = found.cFileName;
     if (candidate.size() <= name.size() + 1 || candidate.compare(0, name.size() + 1, name + L".") != 0) continue;
@@ -443,7 +425,7 @@ void MetricsWriter::State::RemoveStaleTemporaries() const {
     const unsigned long pid = std::wcstoul(digits, &end, 10);
     if (end == digits || *end != L'-' || pid == GetCurrentProcessId()) continue;
     if (ProcessEnded(pid)) DeleteFileW((folder + candidate).c_str());
-  } while (FindNextFileW(find.get(), &found));
+  } while (FindNextFileW(find.Get(), &found));
 }
 
 bool MetricsWriter::State::Replace(const std::string& text, std::wstring* error) const {
@@ -456,14 +438,14 @@ bool MetricsWriter::State::Replace(const std::string& text, std::wstring* error)
   {
     FileHandle file(
         CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (file.get() == INVALID_HANDLE_VALUE) return fail(L"creating " + temporary, GetLastError());
+    if (!file) return fail(L"creating " + temporary, GetLastError());
     DWORD written = 0;
-    const bool ok = WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-                    written == text.size() && FlushFileBuffers(file.get());
+    const bool ok = WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
+                    written == text.size() && FlushFileBuffers(file.Get());
     if (!ok) {
       const DWORD code =
           written != text.size() && GetLastError() == ERROR_SUCCESS ? ERROR_HANDLE_DISK_FULL : GetLastError();
-      file.reset();  // opened without sharing: closed before it can be deleted
+      file.Reset();  // opened without sharing: closed before it can be deleted
       DeleteFileW(temporary.c_str());
       return fail(L"writing " + temporary, code);
     }
