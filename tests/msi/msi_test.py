@@ -59,12 +59,10 @@ def wine(*args, check_rc=True):
 
 
 def windows_path(path):
-    """A Linux path as Wine's Z: drive sees it."""
     return "Z:" + str(path).replace("/", "\\")
 
 
 def linux_path(path):
-    """A C: path as a file of the prefix."""
     assert path[:3].upper() == "C:\\", path
     return DRIVE_C / path[3:].replace("\\", "/")
 
@@ -190,15 +188,11 @@ def check_release(stage_dir, version):
         pe = pe_info.PeFile(stage_dir / name)
         debug = [s for s in pe.section_names() if s.startswith(".debug") or s == ".gnu_debuglink"]
         check(not debug, f"{name} stripped (debug sections: {debug})")
-        resource = pe.version_resource()
-        if not check(resource is not None, f"{name} has a version resource"):
-            continue
-        fixed, strings = resource
-        check(fixed == (version, version), f"{name} fixed file and product version {fixed}")
-        for key, expected in (("FileVersion", version), ("ProductVersion", version), ("ProductName", "WatchDog64"),
-                              ("OriginalFilename", name)):
-            check(strings.get(key) == expected, f"{name} {key} = {strings.get(key)!r}")
-        check(bool(strings.get("FileDescription")), f"{name} FileDescription {strings.get('FileDescription')!r}")
+        fixed, strings = pe.version_resource() or (None, {})
+        wanted = {"FileVersion": version, "ProductVersion": version, "ProductName": "WatchDog64", "OriginalFilename": name}
+        found = {key: strings.get(key) for key in wanted}
+        check(fixed == (version, version) and found == wanted and bool(strings.get("FileDescription")),
+              f"{name} version resource: {fixed} {found} FileDescription {strings.get('FileDescription')!r}")
     notices = (stage_dir / "THIRD-PARTY-NOTICES.txt").read_bytes().decode("utf-8")
     for library, licence in (("zlib", "License Zlib"), ("minizip", "License zlib"), ("nlohmann-json", "License Expat"),
                              ("CLI11", "License BSD-3-clause")):
