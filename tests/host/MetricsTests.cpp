@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <random>
@@ -147,45 +148,41 @@ TestSupport::Process StartWriter(const fs::path& target, int count) {
                                 {{L"WD64_METRICS_CHILD", std::to_wstring(count) + L"|" + target.wstring()}});
 }
 
-// Reads `target` as a collector until stopped, counting whole and partial reads.
-class Reader {
- public:
-  explicit Reader(fs::path target) : m_target(std::move(target)), m_thread([this] { Run(); }) {}
-  ~Reader() { Stop(); }
-  void Stop() {
-    m_stop = true;
-    if (m_thread.joinable()) m_thread.join();
-  }
+// What a collector saw of a file while it was rewritten.
+struct Reads {
+  int whole = 0, partial = 0, unopened = 0;
+  std::set<DWORD> errors;
+  std::string firstPartial;
   std::string Figures() const {
     std::string codes;
-    for (DWORD code : m_errors) codes.append(codes.empty() ? "" : ",").append(std::to_string(code));
-    return std::to_string(reads) + " reads, " + std::to_string(partial) + " partial, " + std::to_string(m_unopened) +
-           " not opened (errors " + codes + ")";
+    for (DWORD code : errors) codes.append(codes.empty() ? "" : ",").append(std::to_string(code));
+    return std::to_string(whole + partial) + " reads, " + std::to_string(partial) + " partial, " +
+           std::to_string(unopened) + " not opened (errors " + codes + ")";
   }
-  int reads = 0, partial = 0;
-  std::string firstPartial;
+};
 
- private:
-  void Run() {
-    while (!m_stop) {
-      DWORD error = 0;
-      const auto text = Collect(m_target, &error);
+// Reads `target` as a collector does while `work` runs.
+Reads ReadWhile(const fs::path& target, const std::function<void()>& work) {
+  Reads seen;
+  std::atomic<bool> stop{false};
+  std::thread reader([&] {
+    for (DWORD error = 0; !stop;) {
+      const auto text = Collect(target, &error);
       if (!text) {  // refused while a writer replaces it, or not there yet
-        ++m_unopened;
-        m_errors.insert(error);
+        ++seen.unopened;
+        seen.errors.insert(error);
         continue;
       }
-      ++reads;
-      if (!Whole(*text) && partial++ == 0) firstPartial = *text;
+      if (!Whole(*text) && seen.partial++ == 0) seen.firstPartial = *text;
+      seen.whole += Whole(*text);
       Sleep(1);  // a collector never reads back to back; without a gap a replace can starve
     }
-  }
-  int m_unopened = 0;
-  std::set<DWORD> m_errors;
-  fs::path m_target;
-  std::atomic<bool> m_stop{false};
-  std::thread m_thread;
-};
+  });
+  work();
+  stop = true;
+  reader.join();
+  return seen;
+}
 
 }  // namespace
 
@@ -415,32 +412,31 @@ TEST(MetricsWriter, ReadersNeverSeeAPartialFileAndKilledWritersLoseNothing) {
     if (!writer.Write(&error) && failed++ == 0) firstError = error;
   };
 
-  {  // this process alone rewrites the file under a reader
-    Reader reader(target);
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 200; ++i) write();
-    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
-    reader.Stop();
-    std::printf("one writer: 200 writes (%.1f ms each), %d failed; %s\n", took.count() / 200, failed,
-                reader.Figures().c_str());
-    EXPECT_EQ(failed, 0) << Utf8(firstError);
-    EXPECT_GT(reader.reads, 0);
-    EXPECT_EQ(reader.partial, 0) << reader.firstPartial;
-  }
-  {  // two more processes write it at once with this one
-    Reader reader(target);
+  // This process alone rewrites the file under a reader.
+  const auto start = std::chrono::steady_clock::now();
+  Reads seen = ReadWhile(target, [&] { for (int i = 0; i < 200; ++i) write(); });
+  const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
+  std::printf("one writer: 200 writes (%.1f ms each), %d failed; %s\n", took.count() / 200, failed,
+              seen.Figures().c_str());
+  EXPECT_EQ(failed, 0) << Utf8(firstError);
+  EXPECT_GT(seen.whole, 0);
+  EXPECT_EQ(seen.partial, 0) << seen.firstPartial;
+
+  // Two more processes write it at once with this one.
+  DWORD failedOne = 0, failedTwo = 0;
+  seen = ReadWhile(target, [&] {
     TestSupport::Process one = StartWriter(target, 100), two = StartWriter(target, 100);
     for (int i = 0; i < 100; ++i) write();
-    const DWORD failedOne = one.Wait(300000), failedTwo = two.Wait(300000);
-    reader.Stop();
-    std::printf("three writers: 300 writes, %d/%lu/%lu failed; %s\n", failed, failedOne, failedTwo,
-                reader.Figures().c_str());
-    EXPECT_EQ(failed, 0) << Utf8(firstError);
-    EXPECT_EQ(failedOne, 0u);
-    EXPECT_EQ(failedTwo, 0u);
-    EXPECT_EQ(reader.partial, 0) << reader.firstPartial;
-    EXPECT_EQ(Temporaries(folder), 0);
-  }
+    failedOne = one.Wait(300000);
+    failedTwo = two.Wait(300000);
+  });
+  std::printf("three writers: 300 writes, %d/%lu/%lu failed; %s\n", failed, failedOne, failedTwo,
+              seen.Figures().c_str());
+  EXPECT_EQ(failed, 0) << Utf8(firstError);
+  EXPECT_EQ(failedOne, 0u);
+  EXPECT_EQ(failedTwo, 0u);
+  EXPECT_EQ(seen.partial, 0) << seen.firstPartial;
+  EXPECT_EQ(Temporaries(folder), 0);
 
   // Writers killed at random moments: the file stays whole after every kill,
   // and their temporaries are gone after the next write. A kill rarely lands
