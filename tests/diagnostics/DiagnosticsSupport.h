@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ModulePath.h"
+#include "Processes.h"
 #include "logger/Logger.h"
 #include "logger/detail/DebugOutput.h"
 #include "logger/detail/LoggerCore.h"
@@ -94,30 +95,9 @@ inline void WriteText(const std::wstring& path, const std::string& bytes) {
   std::ofstream(std::filesystem::path(path), std::ios::binary) << bytes;
 }
 
-// Starts a program beside the tests; returns its process handle.
-inline HANDLE Start(const std::wstring& program, const std::wstring& arguments) {
-  std::wstring commandLine = L"\"" + Kestrel::DirectoryOf(Kestrel::ExecutableFilePath()) + program + L"\" " + arguments;
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION process{};
-  if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
-    return nullptr;
-  ::CloseHandle(process.hThread);
-  return process.hProcess;
-}
-
-inline DWORD WaitExitCode(HANDLE process) {
-  DWORD code = 0xFFFFFFFF;
-  if (process && ::WaitForSingleObject(process, 120000) == WAIT_OBJECT_0) ::GetExitCodeProcess(process, &code);
-  if (process) ::CloseHandle(process);
-  return code;
-}
-
 // Runs this test program again with a filter and one more variable.
 inline DWORD RunSelf(const std::wstring& filter, const std::wstring& name, const std::wstring& value) {
-  ScopedEnv env(name, value);
-  return WaitExitCode(
-      Start(Kestrel::BaseNameOf(Kestrel::ExecutableFilePath()) + L".exe", L"--gtest_brief=1 --gtest_filter=" + filter));
+  return TestSupport::StartSelf(filter, {{name, value}}).Wait(120000);
 }
 
 }  // namespace DiagTest

@@ -99,7 +99,7 @@ TEST(FileLogger, RefusedWritesAreReportedAndLoggingGoesOn) {
   EXPECT_EQ(std::filesystem::file_size(big), 1048575u + 6);
 
   // Another process holds the file without write sharing.
-  HANDLE holder = DiagTest::Start(L"test_helper.exe", L"hold \"" + held + L"\" 1500");
+  TestSupport::Process holder(L"test_helper.exe", L"hold \"" + held + L"\" 1500");
   for (int i = 0; i < 1000 && !std::filesystem::exists(held); ++i) ::Sleep(10);  // created already held
   CFileLogger second(held, L"");
   const ULONGLONG start = ::GetTickCount64();
@@ -108,7 +108,7 @@ TEST(FileLogger, RefusedWritesAreReportedAndLoggingGoesOn) {
   EXPECT_EQ(debug.Texts(),
             (std::vector<std::wstring>{L"FileLogger: log file '" + big + L"' is too big (size=1MB threshold=1MB)\n",
                                        L"FileLogger: cannot open log file '" + held + L"' (error: 0x80070020)\n"}));
-  EXPECT_EQ(DiagTest::WaitExitCode(holder), 0u);
+  EXPECT_EQ(holder.Wait(120000), 0u);
   second.Write(L"kept\r\n", npos);
   EXPECT_EQ(DiagTest::ReadUtf16(held), L"kept\r\n");
 }
@@ -174,13 +174,8 @@ TEST(FileLogger, AWriterKilledMidWayTearsNothing) {
   }
   DiagTest::TempDir dir;
   const std::wstring path = dir.File(L"killed.log");
-  HANDLE child = nullptr;
-  {
-    DiagTest::ScopedEnv env(L"WD64_DIAG_KILLED_FILE", path);
-    child = DiagTest::Start(Kestrel::BaseNameOf(Kestrel::ExecutableFilePath()) + L".exe",
-                            L"--gtest_brief=1 --gtest_filter=FileLogger.AWriterKilled*");
-  }
-  ASSERT_NE(child, nullptr);
+  TestSupport::Process child = TestSupport::StartSelf(L"FileLogger.AWriterKilled*", {{L"WD64_DIAG_KILLED_FILE", path}});
+  ASSERT_NE(child.Get(), nullptr);
   const std::wstring firstKilledLine = Numbered(kKilledWriter, 0) + L"\r\n";
   for (int i = 0; i < 1000 && DiagTest::ReadUtf16(path).find(firstKilledLine) == std::wstring::npos; ++i) ::Sleep(10);
 
@@ -190,9 +185,9 @@ TEST(FileLogger, AWriterKilledMidWayTearsNothing) {
     threads.emplace_back([&, writer] { LogNumbered(logger, writer); });
   std::random_device random;
   ::Sleep(random() % 300);
-  ::TerminateProcess(child, 9);
+  child.Kill();
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(DiagTest::WaitExitCode(child), 9u);
+  EXPECT_EQ(child.Wait(), 9u);
 
   std::multiset<std::wstring> expected, found;
   for (unsigned writer = 0; writer < kThreads; ++writer)

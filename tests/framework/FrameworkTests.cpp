@@ -169,40 +169,36 @@ TEST(Hrx, ParsesTextInAndOutOfTheErrorForm) {
   EXPECT_EQ(split.GetContext(), L"b] c");
 }
 
+// The text published on this thread, taken off it.
+std::wstring Published() {
+  IErrorInfo* info = nullptr;
+  BSTR text = nullptr;
+  if (GetErrorInfo(0, &info) != S_OK) return L"<none>";
+  info->GetDescription(&text);
+  std::wstring result(text);
+  SysFreeString(text);
+  info->Release();
+  return result;
+}
+
 TEST(Boundary, ReturnsTheCodeAndPublishesOnlyForHrx) {
   const Kestrel::BoundaryInfo info{L"CTest::Configure", L"TestComponent", 42};
   EXPECT_EQ(Kestrel::RunAtBoundary(info, [] { Kestrel::ThrowHr(Kestrel::kHrNotFound); }), Kestrel::kHrNotFound);
-  IErrorInfo* published = nullptr;
-  ASSERT_EQ(GetErrorInfo(0, &published), S_OK);
-  BSTR description = nullptr;
-  published->GetDescription(&description);
-  EXPECT_EQ(std::wstring(description).rfind(L"0x80070490 ", 0), 0u);
-  SysFreeString(description);
-  published->Release();
+  EXPECT_EQ(Published().rfind(L"0x80070490 ", 0), 0u);
   EXPECT_THROW(Kestrel::RunAtBoundary(info, [] { throw std::runtime_error("other"); }), std::runtime_error);
 
   // Left on the thread by an earlier call, a text is not taken over; one that
   // crossed a component boundary inside this call is.
   HRX(E_INVALIDARG, errData(E_INVALIDARG, L"Earlier call")).Publish();
-  auto describe = [] {
-    IErrorInfo* info = nullptr;
-    BSTR text = nullptr;
-    if (GetErrorInfo(0, &info) != S_OK) return std::wstring(L"<none>");
-    info->GetDescription(&text);
-    std::wstring result(text);
-    SysFreeString(text);
-    info->Release();
-    return result;
-  };
   EXPECT_EQ(Kestrel::RunAtBoundary(info, [] { Kestrel::ThrowHr(E_INVALIDARG); }), E_INVALIDARG);
-  EXPECT_EQ(describe().find(L"Earlier call"), std::wstring::npos);
+  EXPECT_EQ(Published().find(L"Earlier call"), std::wstring::npos);
   EXPECT_EQ(Kestrel::RunAtBoundary(info,
                                    [] {
                                      HRX(E_INVALIDARG, errData(E_INVALIDARG, L"Inner component")).Publish();
                                      Kestrel::ThrowHr(E_INVALIDARG);
                                    }),
             E_INVALIDARG);
-  EXPECT_EQ(describe().rfind(L"0x80070057 Inner component [", 0), 0u);
+  EXPECT_EQ(Published().rfind(L"0x80070057 Inner component [", 0), 0u);
 }
 
 // Keeps the lines the logger writes while it lives.
@@ -250,13 +246,8 @@ TEST(Boundary, RepeatedFailuresStayShortAndOwnTheirTextsOneLineEach) {
       HVHNODE response = nullptr;
       ASSERT_EQ(manager->ProcessRequest(request.Get(), &response), E_INVALIDARG);
     }
-    IErrorInfo* info = nullptr;
-    ASSERT_EQ(GetErrorInfo(0, &info), S_OK);
-    BSTR text = nullptr;
-    info->GetDescription(&text);
-    lastDescription = text;
-    SysFreeString(text);
-    info->Release();
+    lastDescription = Published();
+    ASSERT_NE(lastDescription, L"<none>");
     const std::lock_guard<std::mutex> lock(capture.mutex);
     lineCount = capture.lines.size();
     for (const std::wstring& line : capture.lines) {

@@ -1,20 +1,11 @@
 #!/usr/bin/env python3
 """Builds the MSI package twice (the product version and a lower one) and
-drives it with msiexec in a fresh Wine prefix of its own:
-
-  1. release checks: every shipped binary stripped and carrying the product
-     version; the notices name the four libraries with their licences;
-  2. default install of the lower version, then an upgrade in place that
-     keeps the administrator's edited configuration and the logs, and a
-     downgrade refused;
-  3. uninstall with a second event source in the same log and a file held
-     open by another process: service, keys and files go, logs, archives,
-     the other source and the configuration stay;
-  4. install into folders and under event-source names the ANSI code page
-     cannot hold, uninstall with an installed file that vanished first;
-  5. msiexec killed at a random moment of an install, then install and
-     uninstall again: nothing left behind;
-  6. two installs at once: one product, one running service.
+drives it with msiexec in a fresh Wine prefix: release checks of the
+binaries and notices; install, upgrade in place keeping the edited
+configuration and logs, refused downgrade; uninstall beside a neighbour
+event source and a held file; names outside the code page; msiexec killed
+mid-install; two installs at once. Files, keys and the service are checked
+after each step; logs, archives and the configuration must stay.
 
 Usage: msi_test.py SOURCE_DIR BUILD_DIR
 """
@@ -55,9 +46,12 @@ def check(condition, what):
     return condition
 
 
+def wine_command(*args):
+    return [str(SOURCE / "scripts/wine-run.sh"), str(PREFIX), *map(str, args)]
+
+
 def wine(*args, check_rc=True):
-    result = subprocess.run([str(SOURCE / "scripts/wine-run.sh"), str(PREFIX), *args], env=ENV,
-                            capture_output=True, timeout=300)
+    result = subprocess.run(wine_command(*args), env=ENV, capture_output=True, timeout=300)
     out = result.stdout.decode("utf-8", "replace")
     if check_rc and result.returncode != 0:
         raise SystemExit(f"{args} failed with {result.returncode}: {out}{result.stderr.decode('utf-8', 'replace')}")
@@ -65,88 +59,73 @@ def wine(*args, check_rc=True):
 
 
 def windows_path(path):
-    """A Linux path as Wine's Z: drive sees it."""
     return "Z:" + str(path).replace("/", "\\")
 
 
 def linux_path(path):
-    """A C: path as a file of the prefix."""
     assert path[:3].upper() == "C:\\", path
     return DRIVE_C / path[3:].replace("\\", "/")
 
 
 msi_logs = []
+in_use_leftovers = []
 
 
 def msiexec(*args):
-    """msiexec's exit code; its verbose log is kept in the work folder and
-    the lines around an error are printed."""
+    """msiexec's exit code; its verbose log is kept and its failed actions printed."""
     forget_registry()
     log = WORK / f"msiexec-{len(msi_logs) + 1}.log"
     msi_logs.append(log)
     rc, _ = wine("msiexec", *args, "/l*v", windows_path(log), check_rc=False)
     if rc not in (0, 3010) and log.exists():
-        print(f"msiexec {args[0]} exited with {rc}; failed actions in {log.name}:")
-        for action in failed_actions(log):
-            print(f"    {action}")
+        print(f"msiexec {args[0]} exited with {rc}; failed actions in {log.name}: {failed_actions(log)}")
     return rc
 
 
-in_use_leftovers = []
-
-
 def failed_actions(log):
-    text = log.read_bytes().decode("utf-8", "replace")
-    return re.findall(r"Action ended [0-9:]+: (\w+)\. Return value [03]", text)
+    return re.findall(r"Action ended [0-9:]+: (\w+)\. Return value [03]", log.read_bytes().decode("utf-8", "replace"))
 
 
 def host_process_alive():
     """Whether a wd64host.exe of this prefix still runs (seen from Linux)."""
-    for proc in Path("/proc").iterdir():
+    for proc in Path("/proc").glob("[0-9]*"):
         try:
-            if not proc.name.isdigit():
-                continue
-            environ = (proc / "environ").read_bytes().split(b"\0")
-            if f"WINEPREFIX={PREFIX}".encode() not in environ:
-                continue
-            if b"wd64host.exe" in (proc / "cmdline").read_bytes():
+            if (f"WINEPREFIX={PREFIX}".encode() in (proc / "environ").read_bytes().split(b"\0")
+                    and b"wd64host.exe" in (proc / "cmdline").read_bytes()):
                 return True
         except OSError:
-            continue
+            pass
     return False
 
 
 def registry(key):
     """The values of KEY and of its subkeys: {subkey: {name: (type, value)}}, or None when KEY is missing."""
     out = WORK / "export.reg"
-    if out.exists():
-        out.unlink()
-    rc, _ = wine("reg", "export", key, windows_path(out), "/y", check_rc=False)
-    if rc != 0 or not out.exists():
+    out.unlink(missing_ok=True)
+    if wine("reg", "export", key, windows_path(out), "/y", check_rc=False)[0] != 0 or not out.exists():
         return None
     raw = out.read_bytes()
-    text = raw.decode("utf-16") if raw[:2] in (b"\xff\xfe", b"\xfe\xff") else raw.decode("utf-8")
-    text = re.sub(r"\\\r?\n\s*", "", text)
+    text = re.sub(r"\\\r?\n\s*", "", raw.decode("utf-16") if raw[:2] in (b"\xff\xfe", b"\xfe\xff") else raw.decode())
     keys, current = {}, None
     for line in text.splitlines():
         if line.startswith("[") and line.endswith("]"):
             current = keys.setdefault(line[1:-1], {})
-            continue
-        m = re.match(r'^("(?:[^"\\]|\\.)*"|@)=(.*)$', line)
-        if not m or current is None:
-            continue
-        name = "" if m.group(1) == "@" else re.sub(r"\\(.)", r"\1", m.group(1)[1:-1])
-        data = m.group(2)
-        if data.startswith('"'):
-            current[name] = ("REG_SZ", re.sub(r"\\(.)", r"\1", data[1:-1]))
-        elif data.startswith("dword:"):
-            current[name] = ("REG_DWORD", int(data[6:], 16))
-        elif data.startswith("hex(2):"):
-            blob = bytes(int(b, 16) for b in data[7:].split(",") if b)
-            current[name] = ("REG_EXPAND_SZ", blob.decode("utf-16-le").rstrip("\0"))
-        else:
-            current[name] = ("OTHER", data)
+        elif (m := re.match(r'^("(?:[^"\\]|\\.)*"|@)=(.*)$', line)) and current is not None:
+            name, data = "" if m.group(1) == "@" else unescape(m.group(1)), m.group(2)
+            if data.startswith('"'):
+                current[name] = ("REG_SZ", unescape(data))
+            elif data.startswith("dword:"):
+                current[name] = ("REG_DWORD", int(data[6:], 16))
+            elif data.startswith("hex(2):"):
+                blob = bytes(int(b, 16) for b in data[7:].split(",") if b)
+                current[name] = ("REG_EXPAND_SZ", blob.decode("utf-16-le").rstrip("\0"))
+            else:
+                current[name] = ("OTHER", data)
     return keys
+
+
+def unescape(quoted):
+    return re.sub(r"\\(.)", r"\1", quoted[1:-1])
 
 
 SERVICES_ROOT = r"HKLM\SYSTEM\CurrentControlSet\Services"
@@ -167,24 +146,19 @@ def values(key):
     if keys is None:
         return None
     full = key.replace("HKLM", "HKEY_LOCAL_MACHINE", 1).lower()
-    for name, found in keys.items():
-        if name.lower() == full:
-            return found
-    return None
+    return next((found for name, found in keys.items() if name.lower() == full), None)
 
 
 def service_state():
-    _, out = wine("sc", "query", "WatchDog64", check_rc=False)
-    m = re.search(r"STATE\s*:\s*\d+\s+(\w+)", out)
+    m = re.search(r"STATE\s*:\s*\d+\s+(\w+)", wine("sc", "query", "WatchDog64", check_rc=False)[1])
     return m.group(1) if m else None
 
 
 def wait_service_settled():
     """The state once the service left the pending states (bounded, not a timing check)."""
     for _ in range(60):
-        state = service_state()
-        if state not in ("START_PENDING", "STOP_PENDING"):
-            return state
+        if service_state() not in ("START_PENDING", "STOP_PENDING"):
+            break
         time.sleep(0.5)
     return service_state()
 
@@ -192,19 +166,9 @@ def wait_service_settled():
 def products():
     """Installed WatchDog64 products: {product code: version}."""
     values(UNINSTALL_KEY)
-    keys = _exports[UNINSTALL_KEY] or {}
-    found = {}
-    for name, vals in keys.items():
-        if vals.get("DisplayName", (None, None))[1] == "WatchDog64":
-            found[name.rsplit("\\", 1)[-1]] = vals.get("DisplayVersion", (None, None))[1]
-    return found
-
-
-def image_path_matches(image_path, install_dir, arguments):
-    # Windows Installer quotes the program path itself; Wine's installer
-    # writes it bare. The service arguments must match exactly either way.
-    program = install_dir + "wd64host.exe"
-    return image_path in (f'"{program}" {arguments}', f"{program} {arguments}")
+    return {name.rsplit("\\", 1)[-1]: vals.get("DisplayVersion", (None, None))[1]
+            for name, vals in (_exports[UNINSTALL_KEY] or {}).items()
+            if vals.get("DisplayName", (None, None))[1] == "WatchDog64"}
 
 
 def stage(version_dir):
@@ -219,24 +183,16 @@ def stage(version_dir):
                     str(version_dir / "THIRD-PARTY-NOTICES.txt")], check=True)
 
 
-def build_msi(stage_dir, version, output):
-    subprocess.run([str(SOURCE / "scripts/package/build-msi.sh"), str(stage_dir), version, str(output)], check=True)
-
-
 def check_release(stage_dir, version):
     for name in SHIPPED:
         pe = pe_info.PeFile(stage_dir / name)
         debug = [s for s in pe.section_names() if s.startswith(".debug") or s == ".gnu_debuglink"]
         check(not debug, f"{name} stripped (debug sections: {debug})")
-        resource = pe.version_resource()
-        if not check(resource is not None, f"{name} has a version resource"):
-            continue
-        fixed, strings = resource
-        check(fixed == (version, version), f"{name} fixed file and product version {fixed}")
-        for key, expected in (("FileVersion", version), ("ProductVersion", version), ("ProductName", "WatchDog64"),
-                              ("OriginalFilename", name)):
-            check(strings.get(key) == expected, f"{name} {key} = {strings.get(key)!r}")
-        check(bool(strings.get("FileDescription")), f"{name} FileDescription {strings.get('FileDescription')!r}")
+        fixed, strings = pe.version_resource() or (None, {})
+        wanted = {"FileVersion": version, "ProductVersion": version, "ProductName": "WatchDog64", "OriginalFilename": name}
+        found = {key: strings.get(key) for key in wanted}
+        check(fixed == (version, version) and found == wanted and bool(strings.get("FileDescription")),
+              f"{name} version resource: {fixed} {found} FileDescription {strings.get('FileDescription')!r}")
     notices = (stage_dir / "THIRD-PARTY-NOTICES.txt").read_bytes().decode("utf-8")
     for library, licence in (("zlib", "License Zlib"), ("minizip", "License zlib"), ("nlohmann-json", "License Expat"),
                              ("CLI11", "License BSD-3-clause")):
@@ -255,39 +211,36 @@ def check_installed(install_dir, config, source, log, version, arguments_extra="
     versions = {n: (pe_info.PeFile(folder / n).version_resource() or ((None,),))[0][0] for n in SHIPPED}
     check(set(versions.values()) == {version}, f"installed binaries carry version {version}: {versions}")
     host = values(rf"{EVENTLOG_KEY}\Application\WatchDog64") or {}
-    check(host.get("EventMessageFile") == ("REG_EXPAND_SZ", install_dir + "wd64host.exe"),
-          f"host event source EventMessageFile {host.get('EventMessageFile')}")
-    check(host.get("TypesSupported") == ("REG_DWORD", 7), "host event source TypesSupported 7")
+    check(host.get("EventMessageFile") == ("REG_EXPAND_SZ", install_dir + "wd64host.exe")
+          and host.get("TypesSupported") == ("REG_DWORD", 7), f"host event source: {host}")
     module = values(rf"{EVENTLOG_KEY}\{log}\{source}") or {}
-    messages = install_dir + "CoreEventMessages.dll"
-    check(module.get("EventMessageFile") == ("REG_EXPAND_SZ", messages)
-          and module.get("CategoryMessageFile") == ("REG_EXPAND_SZ", messages),
-          f"module event source '{source}' in '{log}': message files {module.get('EventMessageFile')}")
-    check(module.get("CategoryCount") == ("REG_DWORD", 1) and module.get("TypesSupported") == ("REG_DWORD", 7),
-          "module event source CategoryCount 1, TypesSupported 7")
+    messages = ("REG_EXPAND_SZ", install_dir + "CoreEventMessages.dll")
+    check(module.get("EventMessageFile") == messages and module.get("CategoryMessageFile") == messages
+          and module.get("CategoryCount") == ("REG_DWORD", 1) and module.get("TypesSupported") == ("REG_DWORD", 7),
+          f"module event source '{source}' in '{log}': {module}")
     service = values(SERVICE_KEY) or {}
     image = service.get("ImagePath", (None, ""))[1]
+    # Windows Installer quotes the program path itself; Wine's installer
+    # writes it bare. The arguments must match exactly either way.
     arguments = f'service run --name "WatchDog64" --config "{config}"{arguments_extra}'
-    check(image_path_matches(image, install_dir, arguments), f"service command line: {image}")
+    program = install_dir + "wd64host.exe"
+    check(image in (f'"{program}" {arguments}', f"{program} {arguments}"), f"service command line: {image}")
     check(service.get("Start") == ("REG_DWORD", 2), f"service starts automatically {service.get('Start')}")
     check(service.get("ObjectName", (None, "LocalSystem"))[1] == "LocalSystem", "service runs as LocalSystem")
     check(wait_service_settled() == "RUNNING", "service running")
 
 
 def check_removed(install_dir, source, log, kept):
-    check(values(SERVICE_KEY) is None and service_state() is None, "service removed")
-    check(values(rf"{EVENTLOG_KEY}\Application\WatchDog64") is None, "host event source removed")
-    check(values(rf"{EVENTLOG_KEY}\{log}\{source}") is None, f"module event source '{source}' removed")
-    check(values(SETTINGS_KEY) is None, "remembered settings removed")
+    keys = [SERVICE_KEY, rf"{EVENTLOG_KEY}\Application\WatchDog64", rf"{EVENTLOG_KEY}\{log}\{source}", SETTINGS_KEY]
+    left = [key for key in keys if values(key) is not None]
+    check(not left and service_state() is None, f"service, event sources and settings removed (left: {left})")
     check(not products(), "no WatchDog64 product registered")
     folder = linux_path(install_dir)
     left = [n for n in SHIPPED + DOCUMENTS if (folder / n).exists()]
     if left and set(left) <= {"wd64host.exe", "WatchDog64.dll", "DataLayer.dll"}:
-        # Wine's installer goes on to remove the files while the stopped
-        # service's process is still ending and leaves what it maps; the
-        # package asks Windows Installer to wait for the stop, and Windows
-        # removes anything still in use at the next restart. Counted, not
-        # hidden.
+        # Wine's installer removes files while the stopped service's process
+        # still maps them (Windows waits, or removes them at the next
+        # restart). Counted, not hidden.
         in_use_leftovers.append(left)
         print(f"note: left in use by the exiting service process: {left}; removed here as a restart would")
         for _ in range(60):
@@ -311,7 +264,7 @@ def archived(path):
                     print(f"note: {path.name} was packed into {archive.name} by the service")
                     return True
         except zipfile.BadZipFile:
-            continue
+            pass
     return False
 
 
@@ -322,8 +275,7 @@ def stop_wine():
 def main():
     if PREFIX.exists():
         stop_wine()
-    if WORK.exists():
-        shutil.rmtree(WORK)
+    shutil.rmtree(WORK, ignore_errors=True)
     WORK.mkdir(parents=True)
     version = re.search(r"project\(WatchDog64 VERSION ([0-9.]+)", (SOURCE / "CMakeLists.txt").read_text()).group(1)
     major, minor, patch, _ = version.split(".")
@@ -332,58 +284,57 @@ def main():
     stage(stage_dir)
     check_release(stage_dir, version)
     new_msi, old_msi = WORK / "new.msi", WORK / "old.msi"
-    build_msi(stage_dir, version, new_msi)
-    build_msi(stage_dir, older, old_msi)
-
+    for msi, msi_version in ((new_msi, version), (old_msi, older)):
+        subprocess.run([str(SOURCE / "scripts/package/build-msi.sh"), str(stage_dir), msi_version, str(msi)],
+                       check=True)
+    new, old = windows_path(new_msi), windows_path(old_msi)
     default_dir = "C:\\Program Files\\WatchDog64\\"
     default_config = "C:\\ProgramData\\WatchDog64\\watchdog64.jsonc"
+    defaults = (default_dir, default_config, "Vigil Hub", "Kestrel Overwatch")
 
-    # 2. Default install of the older version, then the upgrade.
+    # Default install of the older version, then the upgrade.
     print(f"== install {older} with defaults", flush=True)
-    check(msiexec("/i", windows_path(old_msi), "/qn") == 0, f"msiexec /i {older}")
+    check(msiexec("/i", old, "/qn") == 0, f"msiexec /i {older}")
     check(set(products().values()) == {older}, f"product {older} registered: {products()}")
-    check_installed(default_dir, default_config, "Vigil Hub", "Kestrel Overwatch", version)
+    check_installed(*defaults, version)
     config_file = linux_path(default_config)
-    edited = config_file.read_text(encoding="utf-8").replace("\"RefreshIntervalSeconds\": 30",
-                                                            "\"RefreshIntervalSeconds\": 31")
+    edited = config_file.read_text(encoding="utf-8").replace('"RefreshIntervalSeconds": 30', '"RefreshIntervalSeconds": 31')
     config_file.write_text(edited, encoding="utf-8")
     logs = linux_path(default_dir) / "Logs"
     (logs / "old").mkdir(parents=True, exist_ok=True)
     planted = [logs / "old" / "service.log", logs / "logs_20200101000000.zip"]
-    for path in planted:
-        path.write_bytes(os.urandom(2048))
+    [path.write_bytes(os.urandom(2048)) for path in planted]
 
     print(f"== upgrade to {version}", flush=True)
-    check(msiexec("/i", windows_path(new_msi), "/qn") == 0, f"msiexec /i {version} over {older}")
+    check(msiexec("/i", new, "/qn") == 0, f"msiexec /i {version} over {older}")
     check(set(products().values()) == {version} and len(products()) == 1, f"only {version} registered: {products()}")
-    check_installed(default_dir, default_config, "Vigil Hub", "Kestrel Overwatch", version)
+    check_installed(*defaults, version)
     check(config_file.read_text(encoding="utf-8") == edited, "the edited configuration survived the upgrade")
     check(all(p.exists() for p in planted), "logs and archives survived the upgrade")
-    check(msiexec("/i", windows_path(old_msi), "/qn") != 0, f"{older} refused over {version}")
+    check(msiexec("/i", old, "/qn") != 0, f"{older} refused over {version}")
     check(set(products().values()) == {version} and wait_service_settled() == "RUNNING",
           f"{version} still installed and running after the refused downgrade")
 
-    # 3. Uninstall with another source in the same log and a held file.
+    # Uninstall with another source in the same log and a held file.
     print("== uninstall with a neighbour source and a held file", flush=True)
     forget_registry()
     wine("reg", "add", rf"{EVENTLOG_KEY}\Kestrel Overwatch\Neighbour", "/v", "EventMessageFile", "/d", "x.dll", "/f")
     held = linux_path(default_dir) / "THIRD-PARTY-NOTICES.txt"
-    holder = subprocess.Popen([str(SOURCE / "scripts/wine-run.sh"), str(PREFIX), str(BUILD / "bin/test_helper.exe"),
-                               "hold", "C:\\Program Files\\WatchDog64\\THIRD-PARTY-NOTICES.txt", "15000"], env=ENV)
+    holder = subprocess.Popen(wine_command(BUILD / "bin/test_helper.exe", "hold",
+                                           default_dir + "THIRD-PARTY-NOTICES.txt", "15000"), env=ENV)
     time.sleep(2)  # lets the holder open the file; the checks hold either way
     kept = [p for p in logs.rglob("*") if p.is_file()] + [config_file]
-    rc = msiexec("/x", windows_path(new_msi), "/qn")
-    check(rc in (0, 3010), f"msiexec /x with a held file: {rc}")
+    check((rc := msiexec("/x", new, "/qn")) in (0, 3010), f"msiexec /x with a held file: {rc}")
     holder.wait(timeout=60)
     if held.exists():
         print("note: the held file stayed behind (it was open during the uninstall)")
         held.unlink()
-    check_removed(default_dir, "Vigil Hub", "Kestrel Overwatch", kept)
+    check_removed(default_dir, *defaults[2:], kept)
     neighbour = values(rf"{EVENTLOG_KEY}\Kestrel Overwatch\Neighbour")
     check(neighbour is not None and neighbour.get("EventMessageFile") == ("REG_SZ", "x.dll"),
           "the neighbour source in the same log is untouched")
 
-    # 4. Names the ANSI code page cannot hold.
+    # Names the ANSI code page cannot hold.
     print("== install under names outside the code page", flush=True)
     # The service takes --metrics-file only from a host that knows the
     # option; the program's own text says so without running it.
@@ -393,19 +344,15 @@ def main():
     config = "C:\\ProgramData\\WD64 ā\\wd64 日本.jsonc"
     metrics_file = "C:\\ProgramData\\WD64 ā\\textfile\\wd64.prom"
     source, log = "Vigil Hub ā", "Kestrel 日本"
-    linux_path(config).parent.mkdir(parents=True)
-    (linux_path(metrics_file).parent).mkdir(parents=True)
+    linux_path(metrics_file).parent.mkdir(parents=True)
     text = (SOURCE / "scripts/package/watchdog64.default.jsonc").read_text(encoding="utf-8")
     text = text.replace("{\n", '{\n  "globalSettings": { "CoreEventSource": { "EventSourceName": "%s", '
                         '"EventLogName": "%s" } },\n' % (source, log), 1)
     linux_path(config).write_text(text, encoding="utf-8")
-    args = ["/i", windows_path(new_msi), "/qn", f"INSTALLDIR={install_dir}", f"CONFIG={config}",
-            f"EVENTSOURCE={source}", f"EVENTLOG={log}"]
-    extra = ""
-    if metrics:
-        args.append(f"METRICSFILE={metrics_file}")
-        extra = f' --metrics-file "{metrics_file}"'
-    else:
+    args = ["/i", new, "/qn", f"INSTALLDIR={install_dir}", f"CONFIG={config}", f"EVENTSOURCE={source}",
+            f"EVENTLOG={log}"] + ([f"METRICSFILE={metrics_file}"] if metrics else [])
+    extra = f' --metrics-file "{metrics_file}"' if metrics else ""
+    if not metrics:
         print("note: this wd64host has no --metrics-file; METRICSFILE not tried")
     check(msiexec(*args) == 0, "msiexec /i with INSTALLDIR, CONFIG, EVENTSOURCE, EVENTLOG")
     check_installed(install_dir, config, source, log, version, extra)
@@ -417,43 +364,40 @@ def main():
     kept = [p for p in (linux_path(install_dir) / "Logs").rglob("*") if p.is_file()] + [linux_path(config)]
     # The uninstall names nothing: the event source it removes comes from
     # the remembered properties.
-    check(msiexec("/x", windows_path(new_msi), "/qn") == 0, "msiexec /x with an installed file vanished")
+    check(msiexec("/x", new, "/qn") == 0, "msiexec /x with an installed file vanished")
     check_removed(install_dir, source, log, kept)
 
-    # 5. msiexec killed at a random moment of an install.
+    # msiexec killed at a random moment of an install.
     seed = int(os.environ.get("WD64_MSI_SEED", random.randrange(1 << 30)))
-    rng = random.Random(seed)
-    delay = rng.uniform(0.2, 4.0)
+    delay = random.Random(seed).uniform(0.2, 4.0)
     print(f"== install killed after {delay:.2f} s (WD64_MSI_SEED={seed})", flush=True)
-    victim = subprocess.Popen([str(SOURCE / "scripts/wine-run.sh"), str(PREFIX), "msiexec", "/i",
-                               windows_path(new_msi), "/qn"], env=ENV, start_new_session=True)
+    victim = subprocess.Popen(wine_command("msiexec", "/i", new, "/qn"), env=ENV, start_new_session=True)
     time.sleep(delay)
     os.killpg(victim.pid, signal.SIGKILL)
     victim.wait()
-    rc = msiexec("/i", windows_path(new_msi), "/qn")
+    rc = msiexec("/i", new, "/qn")
     if rc != 0 and failed_actions(msi_logs[-1]) == ["StartServices"]:
         # The killed install had started the service; Wine's installer
         # went on before that service had stopped (the package asks for a
         # wait), so the start that follows found it still running.
         print("note: the service the killed install started was still stopping; installing once more")
         wait_service_settled()
-        rc = msiexec("/i", windows_path(new_msi), "/qn")
+        rc = msiexec("/i", new, "/qn")
     check(rc == 0, f"install after the killed one: {rc}")
-    check_installed(default_dir, default_config, "Vigil Hub", "Kestrel Overwatch", version)
-    check(msiexec("/x", windows_path(new_msi), "/qn") == 0, "uninstall after the killed install")
-    check_removed(default_dir, "Vigil Hub", "Kestrel Overwatch", [config_file])
+    check_installed(*defaults, version)
+    check(msiexec("/x", new, "/qn") == 0, "uninstall after the killed install")
+    check_removed(default_dir, *defaults[2:], [config_file])
 
-    # 6. Two installs at once: one wins, the other waits or is turned away.
+    # Two installs at once: one wins, the other waits or is turned away.
     print("== two installs at once", flush=True)
     forget_registry()
-    pair = [subprocess.Popen([str(SOURCE / "scripts/wine-run.sh"), str(PREFIX), "msiexec", "/i",
-                              windows_path(new_msi), "/qn"], env=ENV) for _ in range(2)]
+    pair = [subprocess.Popen(wine_command("msiexec", "/i", new, "/qn"), env=ENV) for _ in range(2)]
     codes = [p.wait(timeout=300) for p in pair]
     check(0 in codes, f"one of two concurrent installs succeeded: {codes}")
     check(len(products()) == 1, f"one product registered: {products()}")
-    check_installed(default_dir, default_config, "Vigil Hub", "Kestrel Overwatch", version)
-    check(msiexec("/x", windows_path(new_msi), "/qn") == 0, "uninstall after the concurrent installs")
-    check_removed(default_dir, "Vigil Hub", "Kestrel Overwatch", [config_file])
+    check_installed(*defaults, version)
+    check(msiexec("/x", new, "/qn") == 0, "uninstall after the concurrent installs")
+    check_removed(default_dir, *defaults[2:], [config_file])
 
     stop_wine()
     print(f"uninstalls that met the stopping service's files still mapped: {len(in_use_leftovers)} {in_use_leftovers}")

@@ -24,6 +24,7 @@
 #include "LogPackerConfiguration.h"
 #include "LogPackerRun.h"
 #include "WatchDogConfiguration.h"
+#include "Processes.h"
 #include "ZipArchive.h"
 #include "components/ComponentsCommon.h"
 #include "logger/Logger.h"
@@ -82,17 +83,10 @@ fs::path FreshFolder(const std::wstring& name) {
   return folder;
 }
 
-std::string Utf8(const std::wstring& text) {
-  std::string bytes(text.size() * 4 + 1, '\0');
-  bytes.resize(static_cast<std::size_t>(::WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()),
-                                                              bytes.data(), static_cast<int>(bytes.size()), nullptr,
-                                                              nullptr)));
-  return bytes;
-}
-
 // Appends one line to a UTF-8 manifest that verify_archives.py reads.
 void Manifest(const fs::path& folder, const wchar_t* file, const std::wstring& line) {
-  std::ofstream(folder / file, std::ios::app | std::ios::binary) << Utf8(line) << '\n';
+  const std::u8string bytes = fs::path(line).u8string();
+  std::ofstream(folder / file, std::ios::app | std::ios::binary) << std::string(bytes.begin(), bytes.end()) << '\n';
 }
 
 // Log-like lines, varied by `salt` so that deflate has real work to do.
@@ -208,50 +202,15 @@ std::size_t CountThreads() {
   return count;
 }
 
-// Starts a program of the build's bin folder; its output goes nowhere.
-Handle Start(const std::wstring& program, const std::wstring& arguments) {
-  wchar_t self[MAX_PATH];
-  ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-  const fs::path path = fs::path(self).parent_path() / program;
-  std::wstring command = L"\"" + path.wstring() + L"\" " + arguments;
-  SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
-  Handle nul(::CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, OPEN_EXISTING, 0, 0));
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = startup.hStdError = nul.Get();
-  PROCESS_INFORMATION info{};
-  EXPECT_TRUE(::CreateProcessW(path.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                               &info))
-      << command;
-  ::CloseHandle(info.hThread);
-  return Handle(info.hProcess);
-}
-
 // This program again, packing `logs` once (LogPackerChild below); it sets the
 // named event `ready` just before the run starts.
-Handle StartPackingChild(const fs::path& logs, const std::wstring& ready = {}) {
-  ::SetEnvironmentVariableW(L"WD64_PACK_CHILD_LOGS", logs.c_str());
-  ::SetEnvironmentVariableW(L"WD64_PACK_CHILD_READY", ready.empty() ? nullptr : ready.c_str());
-  wchar_t self[MAX_PATH];
-  ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-  Handle child = Start(fs::path(self).filename(), L"--gtest_filter=LogPackerChild.* --gtest_brief=1");
-  ::SetEnvironmentVariableW(L"WD64_PACK_CHILD_LOGS", nullptr);
-  ::SetEnvironmentVariableW(L"WD64_PACK_CHILD_READY", nullptr);
-  return child;
+TestSupport::Process StartPackingChild(const fs::path& logs, const std::wstring& ready = {}) {
+  std::vector<std::pair<std::wstring, std::wstring>> environment{{L"WD64_PACK_CHILD_LOGS", logs.wstring()}};
+  if (!ready.empty()) environment.emplace_back(L"WD64_PACK_CHILD_READY", ready);
+  return TestSupport::StartSelf(L"LogPackerChild.Packs*", environment);
 }
 
-DWORD WaitForExit(const Handle& process) {
-  ::WaitForSingleObject(process.Get(), INFINITE);
-  DWORD code = 0;
-  ::GetExitCodeProcess(process.Get(), &code);
-  return code;
-}
-
-std::vector<std::wstring> PackerOwnFiles(const fs::path& logs) {
-  auto names = ListFiles(logs, L"~wd64*");
-  return names;
-}
+std::vector<std::wstring> PackerOwnFiles(const fs::path& logs) { return ListFiles(logs, L"~wd64*"); }
 
 }  // namespace
 
@@ -411,7 +370,7 @@ TEST(LogPackerRun, SkipsWhatCannotBePackedAndTakesNamesAsFound) {
   SetAge(logs / L"sub.log", 48 * kHour);
 
   // Another process holds held.log with no sharing at all until it is killed.
-  Handle holder = Start(L"test_helper.exe", L"lock \"" + (logs / L"held.log").wstring() + L"\" 60000");
+  TestSupport::Process holder(L"test_helper.exe", L"lock \"" + (logs / L"held.log").wstring() + L"\" 60000");
   for (int i = 0; i < 500; ++i) {
     Handle probe(::CreateFileW((logs / L"held.log").c_str(), DELETE, 7, nullptr, OPEN_EXISTING, 0, nullptr));
     if (!probe) break;
@@ -437,8 +396,7 @@ TEST(LogPackerRun, SkipsWhatCannotBePackedAndTakesNamesAsFound) {
   EXPECT_NE(warnings[0].second.find(L"\"held.log\""), std::wstring::npos) << warnings[0].second;
 
   // Let go, it goes with the next run.
-  ::TerminateProcess(holder.Get(), 0);
-  WaitForExit(holder);
+  holder.Kill();
   ::Sleep(1100);
   ASSERT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*")), S_OK);
   const auto archives = ListFiles(logs, L"logs_*.zip");
@@ -484,12 +442,12 @@ TEST(LogPackerFaults, RunsKilledAtAnyMomentLoseNothing) {
       bytesWaiting += kMiB + 37000u * (round + k);
     }
     ::ResetEvent(event.Get());
-    Handle child = StartPackingChild(folder / L"logs", ready);
+    TestSupport::Process child = StartPackingChild(folder / L"logs", ready);
     const HANDLE waits[] = {event.Get(), child.Get()};
     ::WaitForMultipleObjects(2, waits, FALSE, INFINITE);
     const DWORD start = ::GetTickCount();
     if (round == 0) {
-      EXPECT_EQ(WaitForExit(child), 0u);
+      EXPECT_EQ(child.Wait(), 0u);
       msPerMiB = (::GetTickCount() - start) / (bytesWaiting / double(kMiB));
       bytesWaiting = 0;
       continue;
@@ -498,15 +456,14 @@ TEST(LogPackerFaults, RunsKilledAtAnyMomentLoseNothing) {
     // the archive and the deletes, and a little after.
     const double share = std::fmod(round * 0.618034, 1.0) * 1.2;
     ::Sleep(static_cast<DWORD>(share * msPerMiB * (bytesWaiting / double(kMiB))));
-    if (::WaitForSingleObject(child.Get(), 0) == WAIT_TIMEOUT && ::TerminateProcess(child.Get(), 9)) {
+    if (child.Running()) {
+      child.Kill();
       ++killed;
     } else {
       bytesWaiting = 0;
     }
-    WaitForExit(child);
   }
   std::printf("[          ] a run took %.0f ms a MiB; %d of 20 runs killed before they finished\n", msPerMiB, killed);
-  std::printf("[          ] %d of 20 runs killed before they finished\n", killed);
   ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 100)), S_OK);  // the clean run
   for (const auto& name : names) ExpectSurvivor(folder, name, L"any");
   EXPECT_EQ(ListFiles(folder / L"logs", L"*.log"), std::vector<std::wstring>{});
@@ -521,10 +478,9 @@ TEST(LogPackerFaults, TwoProcessesPackingOneFolderShareNoFile) {
       names.push_back(L"t" + std::to_wstring(trial) + L"-" + std::to_wstring(k) + L".log");
       MakeLog(folder, names.back(), 200000 + 1000 * k, 30 * kHour, trial * 8 + k);
     }
-    Handle first = StartPackingChild(folder / L"logs");
-    Handle second = StartPackingChild(folder / L"logs");
-    EXPECT_EQ(WaitForExit(first), 0u);
-    EXPECT_EQ(WaitForExit(second), 0u);
+    TestSupport::Process first = StartPackingChild(folder / L"logs"), second = StartPackingChild(folder / L"logs");
+    EXPECT_EQ(first.Wait(), 0u);
+    EXPECT_EQ(second.Wait(), 0u);
   }
 
   // While another process holds the folder's guard, a run waits and touches
@@ -534,12 +490,12 @@ TEST(LogPackerFaults, TwoProcessesPackingOneFolderShareNoFile) {
   const std::wstring guardName = Kestrel::Detail::FolderGuardName((folder / L"logs").wstring());
   Handle guard(::CreateMutexW(nullptr, TRUE, (L"Global\\" + guardName).c_str()));
   ASSERT_TRUE(guard.IsValid());
-  Handle waiting = StartPackingChild(folder / L"logs");
+  TestSupport::Process waiting = StartPackingChild(folder / L"logs");
   EXPECT_EQ(::WaitForSingleObject(waiting.Get(), 3000), static_cast<DWORD>(WAIT_TIMEOUT));
   EXPECT_TRUE(Untouched(folder, L"guarded.log"));
   EXPECT_EQ(PackerOwnFiles(folder / L"logs"), std::vector<std::wstring>{});
   ::ReleaseMutex(guard.Get());
-  EXPECT_EQ(WaitForExit(waiting), 0u);
+  EXPECT_EQ(waiting.Wait(), 0u);
 
   for (const auto& name : names) ExpectSurvivor(folder, name, L"once");
   EXPECT_EQ(ListFiles(folder / L"logs", L"*.log"), std::vector<std::wstring>{});
@@ -550,24 +506,22 @@ TEST(LogPackerFaults, LogsBeingWrittenLoseNoLine) {
   const auto logs = folder / L"logs";
   // One writer keeps its handle and reopens it every 5 s, one opens the file
   // for every line; both share read, write and delete.
-  Handle keep = Start(L"test_helper.exe", L"append \"" + (logs / L"keep.log").wstring() + L"\" keep 5000 keep");
-  Handle line = Start(L"test_helper.exe", L"append \"" + (logs / L"line.log").wstring() + L"\" line 2500 line");
+  const auto writer = [&](const wchar_t* name, const wchar_t* lines) {
+    return TestSupport::Process(L"test_helper.exe", L"append \"" + (logs / (std::wstring(name) + L".log")).wstring() +
+                                                        L"\" " + name + L" " + lines + L" " + name);
+  };
+  TestSupport::Process keep = writer(L"keep", L"5000"), line = writer(L"line", L"2500");
   // And the module's own logger, which keeps its handle for 5 s.
-  ::SetEnvironmentVariableW(L"GS_Logger_Path", logs.c_str());
-  ::SetEnvironmentVariableW(L"WD64_LOG_CHILD_LINES", L"4000");
-  wchar_t self[MAX_PATH];
-  ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-  Handle module = Start(fs::path(self).filename(), L"--gtest_filter=LogPackerChild.WritesNumbered*");
-  ::SetEnvironmentVariableW(L"GS_Logger_Path", nullptr);
-  ::SetEnvironmentVariableW(L"WD64_LOG_CHILD_LINES", nullptr);
+  TestSupport::Process module = TestSupport::StartSelf(
+      L"LogPackerChild.WritesNumbered*", {{L"GS_Logger_Path", logs.wstring()}, {L"WD64_LOG_CHILD_LINES", L"4000"}});
   const NodePtr node = PackerNode(logs, 24, 0);  // every file with a byte in it
   for (int run = 0; run < 10; ++run) {
     ::Sleep(600);
     EXPECT_EQ(PackOnce(node), S_OK);
   }
-  EXPECT_EQ(WaitForExit(keep), 0u);
-  EXPECT_EQ(WaitForExit(line), 0u);
-  EXPECT_EQ(WaitForExit(module), 0u);
+  EXPECT_EQ(keep.Wait(), 0u);
+  EXPECT_EQ(line.Wait(), 0u);
+  EXPECT_EQ(module.Wait(), 0u);
   // Moved files wait for their writers to let go, and one generation of a
   // name goes into an archive: a few more runs take the rest.
   for (int run = 0; run < 3; ++run) EXPECT_EQ(PackOnce(node), S_OK);
@@ -583,10 +537,7 @@ TEST(LogPackerHuge, FiveGiBLogBecomesOneZip64Entry) {
   const auto folder = FreshFolder(L"packer-huge");
   const auto path = folder / L"logs" / L"huge.log";
   const std::uint64_t size = 5ull << 30;
-  {
-    std::ofstream stream(path, std::ios::binary);
-    stream << "first line\r\n";
-  }
+  std::ofstream(path, std::ios::binary) << "first line\r\n";
   fs::resize_file(path, size - 11);
   std::ofstream(path, std::ios::binary | std::ios::app) << "last line\r\n";
   ASSERT_EQ(fs::file_size(path), size);

@@ -17,6 +17,7 @@
 #include "DataLayer/NodePtr.h"
 #include "Handle.h"
 #include "ModulePath.h"
+#include "Processes.h"
 #include "ServiceHandle.h"
 #include "components/ComponentsCommon.h"
 #include "logger/Logger.h"
@@ -127,37 +128,7 @@ struct Watcher {
   IVHShutdownable* pShutdownable = nullptr;
 };
 
-// test_service.exe registered under `name` and started; stopped and deleted
-// again on destruction, also after a failure.
-struct TestService {
-  explicit TestService(std::wstring serviceName, const std::wstring& extraArgs = L"")
-      : name(std::move(serviceName)), manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)) {
-    // One left over by an interrupted run goes first.
-    if (ServiceHandle stale{::OpenServiceW(manager.Get(), name.c_str(), SERVICE_ALL_ACCESS)}) Remove(stale);
-    const std::wstring command = L"\"" + Kestrel::ModuleDirectory() + L"test_service.exe\" " + name + L" " + extraArgs;
-    service.Reset(::CreateServiceW(manager.Get(), name.c_str(), name.c_str(), SERVICE_ALL_ACCESS,
-                                   SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE,
-                                   command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(service) << "CreateServiceW: " << ::GetLastError();
-    EXPECT_TRUE(Start() && WaitFor([&] { return State() == SERVICE_RUNNING; }));
-  }
-  ~TestService() { EXPECT_TRUE(!service || Remove(service)) << ::GetLastError(); }
-  bool Remove(const ServiceHandle& handle) {
-    SERVICE_STATUS status{};
-    ::ControlService(handle.Get(), SERVICE_CONTROL_STOP, &status);
-    WaitFor([&] { return ::QueryServiceStatus(handle.Get(), &status) && status.dwCurrentState == SERVICE_STOPPED; },
-            std::chrono::seconds(20));
-    return ::DeleteService(handle.Get()) != FALSE;
-  }
-  bool Start() { return ::StartServiceW(service.Get(), 0, nullptr) != FALSE; }
-  DWORD State() {
-    SERVICE_STATUS status{};
-    return ::QueryServiceStatus(service.Get(), &status) ? status.dwCurrentState : 0;
-  }
-  const std::wstring name;
-  ServiceHandle manager;
-  ServiceHandle service;
-};
+using TestSupport::TestService;
 
 }  // namespace
 
