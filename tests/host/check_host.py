@@ -552,4 +552,13 @@ class ServiceFaults(ServicePrefix):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], "-v"] + sys.argv[5:])
+    # One idle program keeps the prefix's Wine server up between the many
+    # short runs; without it every run starts the server and its services anew.
+    keeper = subprocess.Popen([WINE_RUN, PREFIX, os.path.join(BIN, "test_helper.exe"), "sleep", "3600000"],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                              env=dict(os.environ, WINEDEBUG="-all"), start_new_session=True)
+    try:
+        unittest.main(argv=[sys.argv[0], "-v"] + sys.argv[5:])
+    finally:
+        os.killpg(keeper.pid, signal.SIGKILL)
+        keeper.wait()
