@@ -82,8 +82,9 @@ const Range kRanges[] = {
     {"FreeSpaceStopServicesLowerBoundGB", 0, std::numeric_limits<std::int32_t>::max(), L"a size"},
     {"FreeSpaceStopServicesLowerBoundMB", 0, std::numeric_limits<std::int32_t>::max(), L"a size"},
     {"RefreshIntervalSeconds", 1, 4294967, L"seconds compared with a 32-bit millisecond tick"},
-    {"MaxLogFileAgeInHours", 0, 512409557, L"hours held as 64-bit file-time ticks"},
-    {"MaxLogFileSizeInMegabytes", 0, 17592186044415, L"megabytes held as 64-bit bytes"},
+    // Limits too large for 64-bit ticks or bytes mean no limit to the packer.
+    {"MaxLogFileAgeInHours", 0, std::numeric_limits<std::int64_t>::max(), L"hours"},
+    {"MaxLogFileSizeInMegabytes", 0, std::numeric_limits<std::int64_t>::max(), L"megabytes"},
     {"PackIntervalSeconds", 1, 4294967, L"seconds held as 32-bit milliseconds"},
 };
 

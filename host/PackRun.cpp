@@ -27,8 +27,28 @@ std::wstring Expand(const std::wstring& text) {
   return expanded;
 }
 
+bool StartsWithNoCase(const std::wstring& name, const wchar_t* prefix) {
+  const int length = lstrlenW(prefix);
+  return static_cast<int>(name.size()) >= length &&
+         CompareStringOrdinal(name.c_str(), length, prefix, length, TRUE) == CSTR_EQUAL;
+}
+
 bool IsArchiveName(const std::wstring& name) {
-  return name.size() > 9 && name.rfind(L"logs_", 0) == 0 && name.substr(name.size() - 4) == L".zip";
+  return name.size() > 9 && StartsWithNoCase(name, L"logs_") && PathMatchSpecW(name.c_str(), L"*.zip");
+}
+
+// The packer renames a file it takes to "~wd64pack.<16 hex digits>.<name>"
+// and writes its archive as "~wd64zip.<hex>.tmp" until it is whole.
+constexpr wchar_t kMovedPrefix[] = L"~wd64pack.";
+constexpr std::size_t kMovedNameStart = 10 + 17;
+
+bool IsPackerOwnName(const std::wstring& name) {
+  return StartsWithNoCase(name, kMovedPrefix) || StartsWithNoCase(name, L"~wd64zip.");
+}
+
+std::wstring OriginalOfMoved(const std::wstring& name) {
+  return StartsWithNoCase(name, kMovedPrefix) && name.size() > kMovedNameStart ? name.substr(kMovedNameStart)
+                                                                                : std::wstring();
 }
 
 }  // namespace
@@ -78,16 +98,34 @@ PackRunResult ComparePackRun(const FolderSnapshot& before, const FolderSnapshot&
   for (const auto& [name, entry] : after) {
     if (IsArchiveName(name) && before.find(name) == before.end()) run.archive = name;
   }
+  // Files the run moved aside and could not take yet (a writer held them).
+  std::map<std::wstring, int> movedThisRun;
+  for (const auto& [name, entry] : after) {
+    if (before.find(name) == before.end() && !OriginalOfMoved(name).empty()) ++movedThisRun[OriginalOfMoved(name)];
+  }
   for (const auto& [name, entry] : before) {
-    if (!PathMatchSpecW(name.c_str(), rules.mask.c_str()) || IsArchiveName(name)) continue;
-    const auto now = after.find(name);
-    if (now == after.end()) {
+    const bool moved = !OriginalOfMoved(name).empty();
+    if (IsArchiveName(name) || (!moved && (IsPackerOwnName(name) || !PathMatchSpecW(name.c_str(), rules.mask.c_str())))) {
+      continue;
+    }
+    if (after.find(name) == after.end()) {
+      if (!moved && movedThisRun[name] > 0) {
+        --movedThisRun[name];
+        ++run.skipped;
+        continue;
+      }
       ++run.files;
       run.bytes += entry.size;
       continue;
     }
-    const bool tooOld = localNow > entry.created && localNow - entry.created > rules.maxAgeHours * kTicksPerHour;
-    const bool tooLarge = entry.size > (rules.maxSizeMegabytes << 20);
+    if (moved) {
+      ++run.skipped;  // taken by an earlier run and still held
+      continue;
+    }
+    // Limits too large for 64 bits mean no limit, as the packer counts them.
+    const bool tooOld = rules.maxAgeHours <= UINT64_MAX / kTicksPerHour && localNow > entry.created &&
+                        localNow - entry.created > rules.maxAgeHours * kTicksPerHour;
+    const bool tooLarge = rules.maxSizeMegabytes < (std::uint64_t{1} << 44) && entry.size > (rules.maxSizeMegabytes << 20);
     if (tooOld || tooLarge) ++run.skipped;
   }
   // Files that went without an archive were not packed by this run.

@@ -223,7 +223,7 @@ TEST(HostConfig, ErrorsNameTheFileAndThePlaceAndNothingStarts) {
 TEST(HostConfigParse, TypesRangesAndRelativePaths) {
   const Host::Config config = Host::ParseConfig(
       R"({ "logPacker": { "LogsDirectoryPath": "Logs", "LogFileMask": "*.log", "MaxLogFileAgeInHours": 1,
-           "MaxLogFileSizeInMegabytes": 17592186044415 },
+           "MaxLogFileSizeInMegabytes": 17592186044416 },
            "freeSpaceWatcher": { "groups": [ { "name": "audit", "Paths": ["C:\\"], "ServiceNames": [] },
                                              { "Paths": ["D:\\"], "ServiceNames": [] } ] },
            "metrics": { "path": "wd64.prom" },
@@ -243,7 +243,7 @@ TEST(HostConfigParse, TypesRangesAndRelativePaths) {
   std::vector<Host::Problem> problems;
   Host::ReadConfigText(R"({ "watchdog": { "RefreshIntervalSeconds": 1.5, "RefreshIntervalSeconds": 2 },
                             "logPacker": { "LogsDirectoryPath": "", "LogFileMask": "*.log", "MaxLogFileAgeInHours": 1,
-                                           "MaxLogFileSizeInMegabytes": 17592186044416 },
+                                           "MaxLogFileSizeInMegabytes": -1 },
                             "freeSpaceWatcher": { "groups": [ { "name": 7, "Paths": [""], "ServiceNames": [] } ] },
                             "metrics": { "path": "m.prom", "every": 5 } })",
                        L"inline", L"", problems);

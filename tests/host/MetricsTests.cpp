@@ -214,7 +214,8 @@ TEST(MetricsRules, LevelsBoundsPathsAndEscaping) {
 
   // The default bounds and MB keys show in the written files below; GB here.
   json given = Group({L"C:\\"});
-  given.update({{"FreeSpaceRecommendedMinimumGB", 3}, {"FreeSpaceWarningLowerBoundMB", 2048}});
+  given.update({{"FreeSpaceRecommendedMinimumGB", 3}, {"FreeSpaceWarningLowerBoundMB", 2048},
+                {"FreeSpaceStopServicesLowerBoundMB", 1024}});
   const auto config = Watching({Group({L"C:\\"}), given});
   EXPECT_EQ(Host::ReadBounds(config.watcher->groups[1]).recommended, 3 * 1024 * kMB);
   EXPECT_EQ(Host::GroupLabel(config.watcher->groups[1], 1), L"1");

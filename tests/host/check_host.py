@@ -323,7 +323,9 @@ def packer_config(base, logs):
 
 class RunAndFaults(unittest.TestCase):
     def lost(self, logs, names):
-        on_disk = set(os.listdir(logs))
+        # A file the packer moved aside and could not take yet is still there.
+        on_disk = {name[len("~wd64pack.") + 17:] if name.startswith("~wd64pack.") else name
+                   for name in os.listdir(logs)}
         return sorted(name for name in names if name not in on_disk and name not in archived_names(logs))
 
     def test_run_says_what_it_packed(self):
@@ -344,17 +346,14 @@ class RunAndFaults(unittest.TestCase):
         self.assertIn("today.log", os.listdir(logs))
 
     def test_names_outside_the_code_page(self):
-        # The packer refuses such a name; the host must say which file and
-        # keep running, and nothing may be lost.
+        # Packed under their own names; nothing lost.
         base = folder("foreign")
         logs = os.path.join(base, "logs")
         os.makedirs(logs)
         names = make_logs(logs, 3, foreign=("журнал-日本.log", "Ωμέγα ß.log"))
         rc, out, err = host("request", "PackLogs", "--json", "--config", win(packer_config(base, logs)))
-        result = envelope(out)
-        if rc != 0:
-            self.assertEqual(rc, 1, out)
-            self.assertRegex(result["error"]["message"], r"(журнал-日本|Ωμέγα ß)\.log")
+        self.assertEqual(rc, 0, out + err)
+        self.assertTrue({"журнал-日本.log", "Ωμέγα ß.log"} <= set(archived_names(logs)), archived_names(logs))
         self.assertEqual(self.lost(logs, names), [])
 
     def test_held_file_is_reported_and_kept(self):
@@ -370,7 +369,7 @@ class RunAndFaults(unittest.TestCase):
         holder.wait(timeout=60)
         self.assertEqual(rc, 0, out + err)
         item = envelope(out)["items"][0]
-        self.assertEqual(item["files"] + item["skipped"], len(names))
+        self.assertEqual((item["files"], item["skipped"]), (len(names) - 1, 1), item)
         self.assertEqual(self.lost(logs, names), [])
 
     def test_two_packers_at_once_lose_nothing(self):
