@@ -59,7 +59,6 @@ struct ServiceState {
   ServiceOptions options;
   SERVICE_STATUS_HANDLE statusHandle = nullptr;
   HANDLE stopEvent = nullptr;
-  HANDLE stoppedEvent = nullptr;  // set once everything is shut down and the module unloaded
   bool idle = false;
   DWORD checkpoint = 0;
   DWORD specificExitCode = 0;
@@ -82,10 +81,6 @@ DWORD WINAPI OnControl(DWORD control, DWORD, void*, void*) {
   if (control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_SHUTDOWN) {
     SetState(SERVICE_STOP_PENDING);
     SetEvent(g_service.stopEvent);
-    // The stop request returns once the components are shut down and the
-    // module is unloaded, so an installer that removes files right after
-    // it (Wine's does not wait for the stopped state) finds none in use.
-    WaitForSingleObject(g_service.stoppedEvent, 25000);
     return NO_ERROR;
   }
   return control == SERVICE_CONTROL_INTERROGATE ? NO_ERROR : ERROR_CALL_NOT_IMPLEMENTED;
@@ -139,7 +134,6 @@ void WINAPI ServiceMain(DWORD, wchar_t**) {
     SetState(SERVICE_RUNNING);
     WaitForSingleObject(g_service.stopEvent, INFINITE);
     SetState(SERVICE_STOPPED);
-    SetEvent(g_service.stoppedEvent);
     return;
   }
 
@@ -192,12 +186,10 @@ void WINAPI ServiceMain(DWORD, wchar_t**) {
   }
   g_service.specificExitCode = code;
   SetState(SERVICE_STOPPED, code);
-  SetEvent(g_service.stoppedEvent);
 }
 
 int Dispatch() {
   g_service.stopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  g_service.stoppedEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   SERVICE_TABLE_ENTRYW table[] = {{g_service.options.name.data(), ServiceMain}, {nullptr, nullptr}};
   if (!StartServiceCtrlDispatcherW(table)) {
     return ReportLastError(L"starting the service dispatcher (only the service manager runs this; use "
