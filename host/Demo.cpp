@@ -16,6 +16,7 @@
 #include "Requests.h"
 #include "Runner.h"
 #include "Settings.h"
+#include "Service.h"
 
 namespace Host {
 
@@ -36,16 +37,6 @@ std::wstring ProgramPath() {
 DWORD ServiceState(SC_HANDLE service) {
   SERVICE_STATUS status{};
   return QueryServiceStatus(service, &status) ? status.dwCurrentState : 0;
-}
-
-const char* StateName(DWORD state) {
-  switch (state) {
-    case SERVICE_STOPPED: return "stopped";
-    case SERVICE_START_PENDING: return "starting";
-    case SERVICE_STOP_PENDING: return "stopping";
-    case SERVICE_RUNNING: return "running";
-    default: return "unknown";
-  }
 }
 
 // The demonstration service: this program again, as a service that only

@@ -30,19 +30,6 @@ std::wstring ProgramPath() {
   return std::wstring(path, length);
 }
 
-const char* StateName(DWORD state) {
-  switch (state) {
-    case SERVICE_STOPPED: return "stopped";
-    case SERVICE_START_PENDING: return "starting";
-    case SERVICE_STOP_PENDING: return "stopping";
-    case SERVICE_RUNNING: return "running";
-    case SERVICE_CONTINUE_PENDING: return "continuing";
-    case SERVICE_PAUSE_PENDING: return "pausing";
-    case SERVICE_PAUSED: return "paused";
-    default: return "unknown";
-  }
-}
-
 // Waits while the service is in `pending`; the state it settled in.
 SERVICE_STATUS WaitWhile(SC_HANDLE service, DWORD pending, DWORD timeoutMs) {
   SERVICE_STATUS status{};
@@ -201,6 +188,19 @@ int Dispatch() {
 ScHandle OpenManager(DWORD access) { return ScHandle(OpenSCManagerW(nullptr, nullptr, access)); }
 
 }  // namespace
+
+const char* StateName(DWORD state) {
+  switch (state) {
+    case SERVICE_STOPPED: return "stopped";
+    case SERVICE_START_PENDING: return "starting";
+    case SERVICE_STOP_PENDING: return "stopping";
+    case SERVICE_RUNNING: return "running";
+    case SERVICE_CONTINUE_PENDING: return "continuing";
+    case SERVICE_PAUSE_PENDING: return "pausing";
+    case SERVICE_PAUSED: return "paused";
+    default: return "unknown";
+  }
+}
 
 long RegisterHostEventSource() {
   RegistryKey key;

@@ -25,6 +25,9 @@ enum ServiceExitCode : unsigned long {
   kServiceCallFailed = 3,        // the module or a system call failed
 };
 
+// "running", "stopped" ... for a service state.
+const char* StateName(unsigned long state);
+
 int InstallService(const ServiceOptions& options);
 int UninstallService(const ServiceOptions& options);
 int StartInstalledService(const ServiceOptions& options);

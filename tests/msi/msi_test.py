@@ -368,9 +368,9 @@ def main():
     check_removed(install_dir, source, log, kept)
 
     # msiexec killed at a random moment of an install.
-    seed = int(os.environ.get("WD64_MSI_SEED", random.randrange(1 << 30)))
-    delay = random.Random(seed).uniform(0.2, 4.0)
-    print(f"== install killed after {delay:.2f} s (WD64_MSI_SEED={seed})", flush=True)
+    draw = int(os.environ.get("WD64_MSI_DRAW", random.randrange(1 << 30)))
+    delay = random.Random(draw).uniform(0.2, 4.0)
+    print(f"== install killed after {delay:.2f} s (WD64_MSI_DRAW={draw})", flush=True)
     victim = subprocess.Popen(wine_command("msiexec", "/i", new, "/qn"), env=ENV, start_new_session=True)
     time.sleep(delay)
     os.killpg(victim.pid, signal.SIGKILL)
