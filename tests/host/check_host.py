@@ -334,7 +334,8 @@ class RunAndFaults(unittest.TestCase):
         os.makedirs(logs)
         names = make_logs(logs, 7)
         config = packer_config(base, logs)
-        rc, out, err = host("run", "--for", "3", "--config", win(config))
+        metrics = os.path.join(base, "wd64.prom")
+        rc, out, err = host("run", "--for", "3", "--config", win(config), "--metrics-file", win(metrics))
         self.assertEqual(rc, 0, out + err)
         stamp = r"(?m)^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d "
         self.assertRegex(out, stamp + r"log packer: configured, packing \*\.log in ")
@@ -344,6 +345,17 @@ class RunAndFaults(unittest.TestCase):
         self.assertNotIn("watchdog", out)  # not configured, so not "stopped" either
         self.assertEqual(self.lost(logs, names), [])
         self.assertIn("today.log", os.listdir(logs))
+        # The metrics file the run left, read as Prometheus reads it.
+        from prometheus_client.parser import text_string_to_metric_families
+        with open(metrics, encoding="utf-8") as text:
+            samples = {(sample.name, tuple(sorted(sample.labels.items()))): sample.value
+                       for family in text_string_to_metric_families(text.read()) for sample in family.samples}
+        self.assertEqual(samples[("wd64_logpacker_files_packed_total", ())], 7)
+        self.assertEqual(samples[("wd64_logpacker_failures_total", ())], 0)
+        self.assertGreaterEqual(samples[("wd64_logpacker_runs_total", ())], 2)
+        self.assertEqual(samples[("wd64_logpacker_last_run_success", ())], 1)
+        self.assertEqual(samples[("wd64_build_info", (("version", "7.0.127.0"),))], 1)
+        self.assertFalse([name for name in os.listdir(base) if name.endswith(".tmp")])
 
     def test_names_outside_the_code_page(self):
         # Packed under their own names; nothing lost.
