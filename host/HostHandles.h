@@ -26,14 +26,17 @@ struct EventSourceTraits {
 };
 using EventSourceHandle = Kestrel::UniqueResource<EventSourceTraits>;
 
-struct FileHandleTraits {
+// Any handle CloseHandle closes: files, processes. CreateFileW fails with
+// INVALID_HANDLE_VALUE, OpenProcess with null; both count as none.
+struct KernelHandleTraits {
   using pointer = HANDLE;
   static pointer Invalid() noexcept { return INVALID_HANDLE_VALUE; }
   static bool IsValid(pointer value) noexcept { return value != INVALID_HANDLE_VALUE && value != nullptr; }
   static bool Close(pointer value) noexcept { return ::CloseHandle(value) != FALSE; }
-  static const wchar_t* Source() noexcept { return L"FileHandle"; }
+  static const wchar_t* Source() noexcept { return L"KernelHandle"; }
 };
-using FileHandle = Kestrel::UniqueResource<FileHandleTraits>;
+using FileHandle = Kestrel::UniqueResource<KernelHandleTraits>;
+using ProcessHandle = Kestrel::UniqueResource<KernelHandleTraits>;
 
 struct FindHandleTraits {
   using pointer = HANDLE;

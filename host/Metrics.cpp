@@ -140,11 +140,9 @@ bool Same(const std::wstring& a, const std::wstring& b) {
 }
 
 bool ProcessEnded(DWORD pid) {
-  HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, pid);
-  if (process == nullptr) return GetLastError() == ERROR_INVALID_PARAMETER;
-  const bool ended = WaitForSingleObject(process, 0) == WAIT_OBJECT_0;
-  CloseHandle(process);
-  return ended;
+  ProcessHandle process(OpenProcess(SYNCHRONIZE, FALSE, pid));
+  if (!process) return GetLastError() == ERROR_INVALID_PARAMETER;
+  return WaitForSingleObject(process.Get(), 0) == WAIT_OBJECT_0;
 }
 
 }  // namespace

@@ -41,6 +41,37 @@ SERVICE_STATUS WaitWhile(SC_HANDLE service, DWORD pending, DWORD timeoutMs) {
   return status;
 }
 
+struct StopOutcome {
+  SERVICE_STATUS status{};
+  DWORD controlError = NO_ERROR;  // why the stop control was refused, if it was
+  DWORD lingeringProcess = 0;     // a process that outlived the wait
+};
+
+// Stops the service and waits until its process has ended, not only until it
+// reports STOPPED: the binaries it maps can be replaced or removed only then
+// (an installer that deletes them right after the stop finds them in use).
+// The process is opened before the stop because a stopped service no longer
+// names it.
+StopOutcome StopAndWait(SC_HANDLE service, DWORD timeoutMs) {
+  StopOutcome outcome;
+  SERVICE_STATUS_PROCESS before{};
+  DWORD needed = 0;
+  ProcessHandle process;
+  if (QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&before), sizeof before,
+                           &needed) &&
+      before.dwProcessId != 0) {
+    process = ProcessHandle(OpenProcess(SYNCHRONIZE, FALSE, before.dwProcessId));
+  }
+  if (!ControlService(service, SERVICE_CONTROL_STOP, &outcome.status)) outcome.controlError = GetLastError();
+  // A refused control may mean another stop is under way: then it is a wait.
+  outcome.status = WaitWhile(service, SERVICE_STOP_PENDING, timeoutMs);
+  if (outcome.status.dwCurrentState == SERVICE_STOPPED && process &&
+      WaitForSingleObject(process.Get(), timeoutMs) == WAIT_TIMEOUT) {
+    outcome.lingeringProcess = before.dwProcessId;
+  }
+  return outcome;
+}
+
 // State shared with the service manager's threads; one service a process.
 struct ServiceState {
   ServiceOptions options;
@@ -277,9 +308,9 @@ int UninstallService(const ServiceOptions& options) {
   ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE));
   if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
   SERVICE_STATUS status{};
-  if (ControlService(service.Get(), SERVICE_CONTROL_STOP, &status)) {
+  if (QueryServiceStatus(service.Get(), &status) && status.dwCurrentState != SERVICE_STOPPED) {
     // Give it the time a clean shutdown of the components takes.
-    WaitWhile(service.Get(), SERVICE_STOP_PENDING, 30000);
+    StopAndWait(service.Get(), 30000);
   }
   if (!DeleteService(service.Get())) return ReportLastError(L"deleting service '" + options.name + L"'");
   std::printf("service '%s' removed\n", Narrow(options.name).c_str());
@@ -321,17 +352,18 @@ int StopInstalledService(const ServiceOptions& options) {
     std::printf("service '%s' is already stopped\n", Narrow(options.name).c_str());
     return 0;
   }
-  if (!ControlService(service.Get(), SERVICE_CONTROL_STOP, &status)) {
-    // Another stop may be under way (or just done): then it is a wait.
-    const DWORD error = GetLastError();
-    status = WaitWhile(service.Get(), SERVICE_STOP_PENDING, 60000);
-    if (status.dwCurrentState != SERVICE_STOPPED) {
-      return Report(HRESULT_FROM_WIN32(error), L"stopping service '" + options.name + L"'");
+  const StopOutcome outcome = StopAndWait(service.Get(), 60000);
+  if (outcome.status.dwCurrentState != SERVICE_STOPPED) {
+    if (outcome.controlError != NO_ERROR) {
+      return Report(HRESULT_FROM_WIN32(outcome.controlError), L"stopping service '" + options.name + L"'");
     }
+    std::fprintf(stderr, "service '%s' is still %s\n", Narrow(options.name).c_str(),
+                 StateName(outcome.status.dwCurrentState));
+    return 1;
   }
-  status = WaitWhile(service.Get(), SERVICE_STOP_PENDING, 60000);
-  if (status.dwCurrentState != SERVICE_STOPPED) {
-    std::fprintf(stderr, "service '%s' is still %s\n", Narrow(options.name).c_str(), StateName(status.dwCurrentState));
+  if (outcome.lingeringProcess != 0) {
+    std::fprintf(stderr, "service '%s' stopped, but its process %lu has not ended; its files stay in use\n",
+                 Narrow(options.name).c_str(), outcome.lingeringProcess);
     return 1;
   }
   std::printf("service '%s' stopped\n", Narrow(options.name).c_str());

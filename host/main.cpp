@@ -261,7 +261,7 @@ int wmain(int argc, wchar_t** argv) {
   addVerbose(install);
   CLI::App* uninstall = service->add_subcommand("uninstall", "stop and remove the service");
   CLI::App* start = service->add_subcommand("start", "start the service and wait until it runs or fails");
-  CLI::App* stop = service->add_subcommand("stop", "stop the service and wait until it has stopped");
+  CLI::App* stop = service->add_subcommand("stop", "stop the service and wait until its process has ended");
   CLI::App* status = service->add_subcommand("status", "show the service's state and command line");
   for (CLI::App* command : {uninstall, start, stop, status}) addName(command);
   CLI::App* serviceRun = service->add_subcommand("run", "(used by the service manager)");

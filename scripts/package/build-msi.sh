@@ -37,6 +37,14 @@ queries=(
   "UPDATE InstallExecuteSequence SET Sequence = 57 WHERE Action = 'DefaultEventLog'"
   "UPDATE InstallExecuteSequence SET Sequence = 1001 WHERE Action = 'DefaultConfig'"
   "UPDATE InstallExecuteSequence SET Sequence = 1002 WHERE Action = 'MetricsArguments'"
+  # Before the installer's own stop, the host stops the installed service and
+  # waits until its process has ended, so no file it maps is still in use when
+  # files are removed or replaced (an installer that only waits for STOPPED,
+  # or not at all, meets them mapped). Deferred (1024), as LocalSystem (2048),
+  # the installed wd64host.exe (18), its exit code ignored (64): the
+  # installer's stop still follows. Only where the service is installed.
+  "INSERT INTO \`CustomAction\` (\`Action\`, \`Type\`, \`Source\`, \`Target\`) VALUES ('StopServiceProcess', 3154, 'wd64host.exe', 'service stop --name \"WatchDog64\"')"
+  "INSERT INTO \`InstallExecuteSequence\` (\`Action\`, \`Condition\`, \`Sequence\`) VALUES ('StopServiceProcess', '?Host=3', 1890)"
   # Message file paths as REG_EXPAND_SZ, as the host's own registration writes them.
   "UPDATE Registry SET Value = '#%[#wd64host.exe]' WHERE Value = '[#wd64host.exe]'"
   "UPDATE Registry SET Value = '#%[#CoreEventMessages.dll]' WHERE Value = '[#CoreEventMessages.dll]'"

@@ -541,9 +541,17 @@ class ServiceFaults(ServicePrefix):
             return [(process.wait(timeout=180), process.communicate()[0].decode("utf-8", "replace"))
                     for process in both]
 
+        def hosts_running():
+            rc, out, err = host("request", "ListProcesses", "--json", prefix=SERVICE_PREFIX)
+            self.assertEqual(rc, 0, err)
+            return [item for item in envelope(out)["items"]
+                    if "wd64host" in (item.get("ExecutablePath") or "").lower()]
+
         stops = twice("service", "stop", "--name", self.NAME)
         # Whichever comes second finds it stopping or stopped; neither may fail.
         self.assertEqual([rc for rc, _ in stops], [0, 0], stops)
+        # A stop returns once the service's process has ended: its files can go.
+        self.assertEqual(len(hosts_running()), 1, hosts_running())  # only the one asking
         rc, out = self.svc("service", "status", "--name", self.NAME)
         self.assertIn("stopped", out)
         self.assertNotIn("last exit", out)  # a clean stop, no error code
@@ -555,11 +563,8 @@ class ServiceFaults(ServicePrefix):
         rc, out = self.svc("service", "status", "--name", self.NAME)
         self.assertEqual(rc, 1, out)
         # The service's process ended with it.
-        rc, out, err = host("request", "ListProcesses", "--json", prefix=SERVICE_PREFIX)
-        self.assertEqual(rc, 0, err)
-        running = [item for item in envelope(out)["items"]
-                   if "wd64host" in (item.get("ExecutablePath") or "").lower()]
-        self.assertEqual(len(running), 1, running)  # only the one asking
+        running = hosts_running()
+        self.assertEqual(len(running), 1, running)
 
 
 if __name__ == "__main__":
