@@ -1,5 +1,7 @@
 #include "EventSourceRegistration.h"
 
+#include "HostHandles.h"
+
 namespace EventSourceRegistration {
 
 namespace {
@@ -11,20 +13,7 @@ constexpr DWORD kCategoryCount = 1;
 
 HRESULT FromWin32(LSTATUS status) { return HRESULT_FROM_WIN32(static_cast<DWORD>(status)); }
 
-class CKey {
- public:
-  CKey() = default;
-  ~CKey() {
-    if (m_hKey != nullptr) ::RegCloseKey(m_hKey);
-  }
-  CKey(const CKey&) = delete;
-  CKey& operator=(const CKey&) = delete;
-  HKEY* Put() noexcept { return &m_hKey; }
-  HKEY Get() const noexcept { return m_hKey; }
-
- private:
-  HKEY m_hKey = nullptr;
-};
+using Host::RegistryKey;
 
 std::wstring EnvironmentOrDefault(const wchar_t* name, const wchar_t* defaultValue) {
   const DWORD size = ::GetEnvironmentVariableW(name, nullptr, 0);
@@ -102,7 +91,7 @@ HRESULT Register(const CRegistration& registration) {
   if (attributes == INVALID_FILE_ATTRIBUTES) return HRESULT_FROM_WIN32(::GetLastError());
   if (attributes & FILE_ATTRIBUTE_DIRECTORY) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
 
-  CKey source;
+  RegistryKey source;
   LSTATUS status = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE,
                                      SourceKeyPath(registration.sLogName, registration.sSourceName).c_str(), 0,
                                      nullptr, REG_OPTION_NON_VOLATILE, KEY_SET_VALUE, nullptr, source.Put(), nullptr);
@@ -125,7 +114,7 @@ HRESULT Unregister(const std::wstring& logName, const std::wstring& sourceName) 
   if (status != ERROR_SUCCESS) return FromWin32(status);
 
   if (IsSystemLog(logName)) return S_OK;
-  CKey log;
+  RegistryKey log;
   if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, LogKeyPath(logName).c_str(), 0, KEY_READ, log.Put()) != ERROR_SUCCESS) {
     return S_OK;
   }

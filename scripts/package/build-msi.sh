@@ -42,9 +42,10 @@ queries=(
   # files are removed or replaced (an installer that only waits for STOPPED,
   # or not at all, meets them mapped). Deferred (1024), as LocalSystem (2048),
   # the installed wd64host.exe (18), its exit code ignored (64): the
-  # installer's stop still follows. Only where the service is installed.
+  # installer's stop still follows. Wherever the service exists: installed
+  # by this product or left running by an interrupted install.
   "INSERT INTO \`CustomAction\` (\`Action\`, \`Type\`, \`Source\`, \`Target\`) VALUES ('StopServiceProcess', 3154, 'wd64host.exe', 'service stop --name \"WatchDog64\"')"
-  "INSERT INTO \`InstallExecuteSequence\` (\`Action\`, \`Condition\`, \`Sequence\`) VALUES ('StopServiceProcess', '?Host=3', 1890)"
+  "INSERT INTO \`InstallExecuteSequence\` (\`Action\`, \`Condition\`, \`Sequence\`) VALUES ('StopServiceProcess', '?Host=3 OR SERVICEIMAGE', 1890)"
   # Message file paths as REG_EXPAND_SZ, as the host's own registration writes them.
   "UPDATE Registry SET Value = '#%[#wd64host.exe]' WHERE Value = '[#wd64host.exe]'"
   "UPDATE Registry SET Value = '#%[#CoreEventMessages.dll]' WHERE Value = '[#CoreEventMessages.dll]'"

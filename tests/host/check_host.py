@@ -271,7 +271,7 @@ class Requests(unittest.TestCase):
             self.assertIn(text, result["error"]["message"])
             self.assertNotRegex(result["error"]["message"], r"\[.*0x[0-9A-F]{8,}.*\]")
             rc, out, err = host("request", *args)
-            self.assertEqual(rc, code)
+            self.assertEqual(rc, code, (args, out, err))
             self.assertIn(text, err)
         # The module's return addresses only on request.
         rc, out, err = host("request", "QueryFreeSpace", "DirectoryPaths=Q:\\nowhere", "--verbose")
@@ -570,10 +570,16 @@ class ServiceFaults(ServicePrefix):
 if __name__ == "__main__":
     # One idle program keeps the prefix's Wine server up between the many
     # short runs; without it every run starts the server and its services anew.
+    # The Wine server inherits the output pipes of the program that starts
+    # it, and the keeper keeps it up: were it started by a run whose output
+    # is read, that read would never end. So the first programs write to
+    # nothing: the keeper and one run that waits for the prefix to come up.
     keeper = subprocess.Popen([WINE_RUN, PREFIX, os.path.join(BIN, "test_helper.exe"), "sleep", "3600000"],
                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                               env=dict(os.environ, WINEDEBUG="-all"), start_new_session=True)
     try:
+        subprocess.run([WINE_RUN, PREFIX, HOST, "--version"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                       env=dict(os.environ, WINEDEBUG="-all"), timeout=600)
         unittest.main(argv=[sys.argv[0], "-v"] + sys.argv[5:])
     finally:
         os.killpg(keeper.pid, signal.SIGKILL)

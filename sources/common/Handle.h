@@ -21,7 +21,7 @@ struct FindHandleTraits {
   static pointer Invalid() noexcept { return INVALID_HANDLE_VALUE; }
   static bool IsValid(pointer value) noexcept { return value != INVALID_HANDLE_VALUE && value != nullptr; }
   static bool Close(pointer value) noexcept { return ::FindClose(value) != FALSE; }
-  static const wchar_t* Source() noexcept { return L"DirectoryEnumerator"; }
+  static const wchar_t* Source() noexcept { return L"FindHandle"; }
 };
 
 }  // namespace Kestrel::Detail
