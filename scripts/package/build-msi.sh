@@ -43,9 +43,10 @@ queries=(
   # or not at all, meets them mapped). Deferred (1024), as LocalSystem (2048),
   # the installed wd64host.exe (18), its exit code ignored (64): the
   # installer's stop still follows. Wherever the service exists: installed
-  # by this product or left running by an interrupted install.
+  # by this product or left running by an interrupted install. Not in an
+  # upgrade: the old product's removal has run its own and taken the file.
   "INSERT INTO \`CustomAction\` (\`Action\`, \`Type\`, \`Source\`, \`Target\`) VALUES ('StopServiceProcess', 3154, 'wd64host.exe', 'service stop --name \"WatchDog64\"')"
-  "INSERT INTO \`InstallExecuteSequence\` (\`Action\`, \`Condition\`, \`Sequence\`) VALUES ('StopServiceProcess', '?Host=3 OR SERVICEIMAGE', 1890)"
+  "INSERT INTO \`InstallExecuteSequence\` (\`Action\`, \`Condition\`, \`Sequence\`) VALUES ('StopServiceProcess', '?Host=3 OR (SERVICEIMAGE AND NOT WIX_UPGRADE_DETECTED)', 1890)"
   # Message file paths as REG_EXPAND_SZ, as the host's own registration writes them.
   "UPDATE Registry SET Value = '#%[#wd64host.exe]' WHERE Value = '[#wd64host.exe]'"
   "UPDATE Registry SET Value = '#%[#CoreEventMessages.dll]' WHERE Value = '[#CoreEventMessages.dll]'"
