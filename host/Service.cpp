@@ -218,6 +218,19 @@ int Dispatch() {
 
 ScHandle OpenManager(DWORD access) { return ScHandle(OpenSCManagerW(nullptr, nullptr, access)); }
 
+// The named service opened for `access`; none, with the reason printed,
+// when the manager or the service cannot be opened.
+ScHandle OpenNamedService(const std::wstring& name, DWORD access) {
+  ScHandle manager = OpenManager(SC_MANAGER_CONNECT);
+  if (!manager) {
+    ReportLastError(L"opening the service manager");
+    return {};
+  }
+  ScHandle service(OpenServiceW(manager.Get(), name.c_str(), access));
+  if (!service) ReportLastError(L"opening service '" + name + L"'");
+  return service;
+}
+
 }  // namespace
 
 const char* StateName(DWORD state) {
@@ -303,10 +316,8 @@ int InstallService(const ServiceOptions& options) {
 }
 
 int UninstallService(const ServiceOptions& options) {
-  ScHandle manager = OpenManager(SC_MANAGER_CONNECT);
-  if (!manager) return ReportLastError(L"opening the service manager");
-  ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE));
-  if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
+  ScHandle service = OpenNamedService(options.name, SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE);
+  if (!service) return 1;
   SERVICE_STATUS status{};
   if (QueryServiceStatus(service.Get(), &status) && status.dwCurrentState != SERVICE_STOPPED) {
     // Give it the time a clean shutdown of the components takes.
@@ -323,10 +334,8 @@ int UninstallService(const ServiceOptions& options) {
 }
 
 int StartInstalledService(const ServiceOptions& options) {
-  ScHandle manager = OpenManager(SC_MANAGER_CONNECT);
-  if (!manager) return ReportLastError(L"opening the service manager");
-  ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_START | SERVICE_QUERY_STATUS));
-  if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
+  ScHandle service = OpenNamedService(options.name, SERVICE_START | SERVICE_QUERY_STATUS);
+  if (!service) return 1;
   if (!StartServiceW(service.Get(), 0, nullptr) && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) {
     return ReportLastError(L"starting service '" + options.name + L"'");
   }
@@ -343,10 +352,8 @@ int StartInstalledService(const ServiceOptions& options) {
 }
 
 int StopInstalledService(const ServiceOptions& options) {
-  ScHandle manager = OpenManager(SC_MANAGER_CONNECT);
-  if (!manager) return ReportLastError(L"opening the service manager");
-  ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_STOP | SERVICE_QUERY_STATUS));
-  if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
+  ScHandle service = OpenNamedService(options.name, SERVICE_STOP | SERVICE_QUERY_STATUS);
+  if (!service) return 1;
   SERVICE_STATUS status{};
   if (QueryServiceStatus(service.Get(), &status) && status.dwCurrentState == SERVICE_STOPPED) {
     std::printf("service '%s' is already stopped\n", Narrow(options.name).c_str());
@@ -371,10 +378,8 @@ int StopInstalledService(const ServiceOptions& options) {
 }
 
 int ServiceStatus(const ServiceOptions& options) {
-  ScHandle manager = OpenManager(SC_MANAGER_CONNECT);
-  if (!manager) return ReportLastError(L"opening the service manager");
-  ScHandle service(OpenServiceW(manager.Get(), options.name.c_str(), SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG));
-  if (!service) return ReportLastError(L"opening service '" + options.name + L"'");
+  ScHandle service = OpenNamedService(options.name, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG);
+  if (!service) return 1;
   SERVICE_STATUS_PROCESS status{};
   DWORD needed = 0;
   if (!QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status,
