@@ -1,5 +1,6 @@
 #pragma once
-// Owners of kernel handles (processes, files) and find-file searches.
+// Owners of kernel handles (processes, files), find-file searches and
+// LocalAlloc'd memory.
 
 #include <windows.h>
 
@@ -24,7 +25,18 @@ struct FindHandleTraits {
   static const wchar_t* Source() noexcept { return L"FindHandle"; }
 };
 
+struct LocalMemoryTraits {
+  using pointer = HLOCAL;
+  static pointer Invalid() noexcept { return nullptr; }
+  static bool IsValid(pointer value) noexcept { return value != nullptr; }
+  static bool Close(pointer value) noexcept { return ::LocalFree(value) == nullptr; }
+  static const wchar_t* Source() noexcept { return L"LocalMemory"; }
+};
+
 }  // namespace Kestrel::Detail
 
 using Handle = Kestrel::UniqueResource<Kestrel::Detail::KernelHandleTraits>;
 using FindHandle = Kestrel::UniqueResource<Kestrel::Detail::FindHandleTraits>;
+// Memory the system hands out to be given back with LocalFree (security
+// descriptors, formatted messages, SID strings).
+using LocalMemory = Kestrel::UniqueResource<Kestrel::Detail::LocalMemoryTraits>;
