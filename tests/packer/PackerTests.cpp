@@ -293,14 +293,12 @@ TEST(ZipArchive, ArchiveThatCannotBeCreatedFailsAndASourceThatCannotBeReadIsRepo
                                 0, nullptr));
   };
   {
-    // Written through the caller's handle, which stays open and usable.
     Handle file(::CreateFileW((folder / L"logs" / L"a.zip").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                               CREATE_NEW, 0, nullptr));
     Kestrel::CZipArchive archive(file.Get(), L"a.zip");
     EXPECT_FALSE(archive.Write(source(L"unread.log", FILE_READ_ATTRIBUTES).Get(), L"unread.log", L"unread.log", 5000));
     EXPECT_TRUE(archive.Write(source(L"read.log", GENERIC_READ).Get(), L"read.log", L"read.log", 5000));
     archive.Close();
-    EXPECT_TRUE(::FlushFileBuffers(file.Get()));
   }
   const auto lines = capture.Errors(L"ZipArchive");
   ASSERT_EQ(lines.size(), 5u);
@@ -340,7 +338,6 @@ TEST(LogPackerRules, ArchiveNamesLimitsAndPackerOwnNames) {
   EXPECT_EQ(OriginalOfMoved(L"~wd64pack.notahexnumber00.app.log"), L"");
   EXPECT_EQ(OriginalOfMoved(L"app.log"), L"");
   const std::wstring partial = PartialName(0x0123456789ABCDEFull, 0xFEDCBA9876543210ull);
-  EXPECT_EQ(partial, L"~wd64zip.0123456789ABCDEFFEDCBA9876543210.tmp");
   EXPECT_TRUE(IsPartialName(partial) && IsPartialName(L"~WD64ZIP.01DC5A0012345678.TMP"));
   EXPECT_FALSE(IsPartialName(L"~wd64zip..tmp") || IsPartialName(L"~wd64zip.12345678.log"));
   for (const std::wstring& name : {moved, partial, std::wstring(L"~WD64LOCK"), DoneName(1, L"a.log")}) {
