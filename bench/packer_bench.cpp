@@ -177,13 +177,13 @@ int main() {
   });
   start = Clock::now();
   const double cpuStart = ThreadCpuSeconds();
-  const Kestrel::CPath archive = packer.PackLogs();
+  const std::wstring archive = packer.PackLogs().archivePath;
   const double packSeconds = Seconds(start);
   const double packCpu = ThreadCpuSeconds() - cpuStart;
   packing = false;
   sampler.join();
   const PROCESS_MEMORY_COUNTERS after = Memory();
-  const std::uint64_t archiveSize = std::filesystem::file_size(archive.String());
+  const std::uint64_t archiveSize = std::filesystem::file_size(archive);
 
   // zlib alone: the same bytes, made again chunk by chunk.
   DeflateFigures zlib;

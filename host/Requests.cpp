@@ -226,15 +226,14 @@ RequestResult RunRequest(ModuleHost& host, const Config& config, const RequestOp
         break;
     }
     if (kind->target == Target::LogPacker) {
-      const PackRules rules = PackRulesOf(config);
-      const PackRunResult run = RunPack(processor.Get(), rules);
+      const PackRunResult run = RunPack(processor.Get());
       if (FAILED(run.hr)) {
-        const HostError error(run.hr, L"PackLogs in " + rules.folder);
+        const HostError error(run.hr, L"PackLogs in " + PackTargetOf(config).folder);
         return FailedRequest(options.name, run.hr, error.Text(), 1);
       }
       result.columns = {{"Archive", "archive"}, {"Files", "files"}, {"Bytes", "bytes"}, {"Skipped", "skipped"}};
       if (!run.archive.empty()) {
-        result.items.push_back({{"archive", Narrow(rules.folder + L"\\" + run.archive)},
+        result.items.push_back({{"archive", Narrow(run.archive)},
                                 {"files", run.files},
                                 {"bytes", run.bytes},
                                 {"skipped", run.skipped}});

@@ -86,13 +86,13 @@ int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, cons
           static_cast<long long>(config.watchdog->Find(L"RefreshIntervalSeconds")->number));
       progress();
     }
-    const PackRules rules = PackRulesOf(config);
+    const PackTarget target = PackTargetOf(config);
     if (config.packer) {
       packer = host.Create<IVHConfigurable>(WatchDog64::CLSID_LogPacker, L"log packer");
       Configure(packer, config.PackerNode(), L"log packer (" + config.source + L")");
       packerStarted = true;
-      Say("log packer: configured, packing %s in %s every %lld s", Narrow(rules.mask).c_str(),
-          Narrow(rules.folder).c_str(), static_cast<long long>(config.packer->packIntervalSeconds));
+      Say("log packer: configured, packing %s in %s every %lld s", Narrow(target.mask).c_str(),
+          Narrow(target.folder).c_str(), static_cast<long long>(config.packer->packIntervalSeconds));
       progress();
     }
 
@@ -121,9 +121,9 @@ int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, cons
       const ULONGLONG now = GetTickCount64();
       if (packer && now >= nextPack) {
         auto processor = packer.As<IVHRequestProcessor>();
-        const PackRunResult run = RunPack(processor.Get(), rules);
+        const PackRunResult run = RunPack(processor.Get());
         if (FAILED(run.hr)) {
-          Say("log packer: %s", Narrow(HostError(run.hr, L"packing " + rules.folder).Text()).c_str());
+          Say("log packer: %s", Narrow(HostError(run.hr, L"packing " + target.folder).Text()).c_str());
         } else {
           Say("log packer: %s", Narrow(DescribePackRun(run)).c_str());
         }

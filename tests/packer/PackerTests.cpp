@@ -1,5 +1,6 @@
 // The log packer on real folders and with real second processes (killed
-// mid-run, packing at the same time, writing the logs being packed);
+// mid-run, packing at the same time through two paths to the folder, holding
+// its lock, writing the logs being packed) and links planted in the folder;
 // verify_archives.py reads the archives back and counts what was lost. Also
 // the heartbeat worker thread that Configure starts.
 
@@ -8,6 +9,7 @@
 #include <tlhelp32.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -23,15 +25,18 @@
 #include "LazySingleton.h"
 #include "LogPackerConfiguration.h"
 #include "LogPackerRun.h"
-#include "WatchDogConfiguration.h"
+#include "Links.h"
 #include "Processes.h"
+#include "WatchDogConfiguration.h"
 #include "ZipArchive.h"
 #include "components/ComponentsCommon.h"
 #include "logger/Logger.h"
 #include "logger/detail/LoggerCore.h"
+#include "platform/PlainFile.h"
+#include "rules/LogPackerRules.h"
 
 namespace fs = std::filesystem;
-using Kestrel::Detail::ArchiveName;
+using Kestrel::PackerRules::ArchiveName;
 using Kestrel::Detail::IsRefreshDue;
 using Lines = std::vector<std::pair<unsigned, std::wstring>>;
 using Packer = Kestrel::CLazySingleton<Kestrel::CLogPackerConfiguration>;
@@ -62,22 +67,44 @@ NodePtr PackerNode(const fs::path& logs, std::int64_t hours, std::int64_t megaby
                   {{L"LogsDirectoryPath", logs.wstring()}, {L"LogFileMask", mask}});
 }
 
-// Configures the log packer with `node` and runs one request through it.
-HRESULT PackOnce(const NodePtr& node) {
+// Configures the log packer with `node` and runs one request through it;
+// with `response`, a request that asks for a report when `bReport`.
+HRESULT PackOnce(const NodePtr& node, NodePtr* response = nullptr, bool bReport = true) {
   auto* component = Create<IVHConfigurable>(WatchDog64::CLSID_LogPacker);
   HRESULT hr = component->Configure(node.Get());
   component->Release();
   auto* processor = Create<IVHRequestProcessor>(WatchDog64::CLSID_LogPacker);
-  if (SUCCEEDED(hr)) hr = processor->ProcessRequest(nullptr, nullptr);  // the request is never read
+  NodePtr request = response != nullptr ? MakeNode({}) : NodePtr();
+  const std::int32_t one = 1;
+  if (response != nullptr && bReport) request.SetAttribute(L"Report", VHN_TYPE_INT32, &one, sizeof(one));
+  HVHNODE answer = nullptr;
+  if (SUCCEEDED(hr)) hr = processor->ProcessRequest(request.Get(), response != nullptr ? &answer : nullptr);
   processor->Release();
+  if (response != nullptr) *response = NodePtr(answer);
   return hr;
+}
+
+// A report's children as "PackedFile NAME BYTES" or "SkippedFile NAME: REASON".
+std::vector<std::wstring> ReportLines(const NodePtr& report) {
+  std::vector<std::wstring> lines;
+  report.ForEachChild([&](NodePtr& child) {
+    std::wstring name, reason;
+    std::int64_t bytes = -1;
+    EXPECT_TRUE(child.TryGetAttribute(L"Name", name) && child.GetName() == name) << name;
+    if (child.GetType() == L"PackedFile" && child.TryGetAttribute(L"Bytes", VHN_TYPE_INT64, &bytes, sizeof(bytes))) {
+      lines.push_back(L"PackedFile " + name + L" " + std::to_wstring(bytes));
+    } else if (child.TryGetAttribute(L"Reason", reason)) {
+      lines.push_back(child.GetType() + L" " + name + L": " + reason);
+    }
+  });
+  return lines;
 }
 
 // An emptied folder with logs\ and originals\, where verify_archives.py looks.
 fs::path FreshFolder(const std::wstring& name) {
   const wchar_t* root = ::_wgetenv(L"WD64_PACKER_ARTIFACTS");
   const fs::path folder = fs::path(root != nullptr ? root : L"packer-artifacts").make_preferred() / name;
-  fs::remove_all(folder);
+  TestSupport::RemoveTree(fs::absolute(folder).wstring());  // links as links
   fs::create_directories(folder / L"logs");
   fs::create_directories(folder / L"originals");
   return folder;
@@ -148,9 +175,17 @@ std::vector<std::wstring> ListFiles(const fs::path& folder, const std::wstring& 
   return names;
 }
 
+// The archives the tests' runs made, oldest first (the one of 2020 is planted).
+std::vector<std::wstring> RunArchives(const fs::path& logs) {
+  auto names = ListFiles(logs, L"logs_*.zip");
+  std::erase(names, std::wstring(L"logs_20200101000000.zip"));
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 // "logs\<name>" of the one archive a run left; empty if there is not exactly one.
 std::wstring TheArchive(const fs::path& folder) {
-  const auto archives = ListFiles(folder / L"logs", L"logs_*.zip");
+  const auto archives = RunArchives(folder / L"logs");
   EXPECT_EQ(archives.size(), 1u);
   return archives.size() == 1 ? L"logs\\" + archives[0] : std::wstring();
 }
@@ -212,6 +247,16 @@ TestSupport::Process StartPackingChild(const fs::path& logs, const std::wstring&
 
 std::vector<std::wstring> PackerOwnFiles(const fs::path& logs) { return ListFiles(logs, L"~wd64*"); }
 
+// Waits (generously: a second process may be slow to start under Wine)
+// until another process holds `path` without sharing.
+bool WaitUntilHeld(const fs::path& path) {
+  for (int i = 0; i < 3000; ++i, ::Sleep(10)) {
+    Handle probe(::CreateFileW(path.c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!probe && ::GetLastError() == ERROR_SHARING_VIOLATION) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 TEST(DirectoryEnumerator, EmptyMatchStopAndSearchHandleRelease) {
@@ -234,7 +279,7 @@ TEST(DirectoryEnumerator, EmptyMatchStopAndSearchHandleRelease) {
 TEST(ZipArchive, ArchiveThatCannotBeCreatedFailsAndASourceThatCannotBeReadIsReported) {
   const auto folder = FreshFolder(L"zip-failures");
   LogCapture capture;
-  const auto open = [&] { Kestrel::CZipArchive archive((folder / L"absent" / L"a.zip").wstring()); };
+  const auto open = [&] { Kestrel::CZipArchive archive(INVALID_HANDLE_VALUE, L"a.zip"); };
   EXPECT_EQ(Kestrel::RunAtBoundary({L"Open", L"PackerTests", 0}, open), E_FAIL);
   EXPECT_EQ(capture.Errors(L"ZipArchive"),
             (Lines{{126, L"Couldn't open a .ZIP archive file for writing"}, {127, L"zipOpen return code: TBD"}}));
@@ -248,7 +293,9 @@ TEST(ZipArchive, ArchiveThatCannotBeCreatedFailsAndASourceThatCannotBeReadIsRepo
                                 0, nullptr));
   };
   {
-    Kestrel::CZipArchive archive((folder / L"logs" / L"a.zip").wstring());
+    Handle file(::CreateFileW((folder / L"logs" / L"a.zip").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                              CREATE_NEW, 0, nullptr));
+    Kestrel::CZipArchive archive(file.Get(), L"a.zip");
     EXPECT_FALSE(archive.Write(source(L"unread.log", FILE_READ_ATTRIBUTES).Get(), L"unread.log", L"unread.log", 5000));
     EXPECT_TRUE(archive.Write(source(L"read.log", GENERIC_READ).Get(), L"read.log", L"read.log", 5000));
     archive.Close();
@@ -262,7 +309,8 @@ TEST(ZipArchive, ArchiveThatCannotBeCreatedFailsAndASourceThatCannotBeReadIsRepo
 }
 
 TEST(LogPackerRules, ArchiveNamesLimitsAndPackerOwnNames) {
-  using namespace Kestrel::Detail;
+  using namespace Kestrel::PackerRules;
+  using Kestrel::Detail::EntryNameBytes;
   EXPECT_EQ(ArchiveName({2026, 1, 5, 2, 9, 5, 7, 999}), L"logs_20260102090507.zip");
   EXPECT_EQ(NumberedArchiveName(L"logs_20260102090507.zip", 1), L"logs_20260102090507.zip");
   EXPECT_EQ(NumberedArchiveName(L"logs_20260102090507.zip", 2), L"logs_20260102090507_2.zip");
@@ -275,15 +323,27 @@ TEST(LogPackerRules, ArchiveNamesLimitsAndPackerOwnNames) {
   EXPECT_FALSE(IsTooLarge(UINT64_MAX, 1ull << 44));
   EXPECT_FALSE(IsTooLarge(UINT64_MAX, UINT64_MAX));
 
+  // Its own archives, in any case, are never selected; near misses are logs.
+  for (const wchar_t* name : {L"logs_20200101000000.zip", L"LOGS_20200101000000_12.ZIP", L"logs_20200101000000_2.zip"}) {
+    EXPECT_TRUE(IsArchiveName(name) && IsPackerOwnName(name)) << name;
+  }
+  for (const wchar_t* name : {L"logs_2020010100000.zip", L"logs_202001010000000.zip", L"logs_20200101000000_.zip",
+                              L"logs_20200101000000_x.zip", L"logs_20200101000000.zip.log", L"my_logs_20200101000000.zip"}) {
+    EXPECT_FALSE(IsArchiveName(name) || IsPackerOwnName(name)) << name;
+  }
   const std::wstring moved = MovedName(0x01DC5A0012345678ull, L"app.log");
   EXPECT_EQ(moved, L"~wd64pack.01DC5A0012345678.app.log");
   EXPECT_EQ(OriginalOfMoved(moved), L"app.log");
+  EXPECT_EQ(OriginalOfDone(DoneName(0x01DC5A0012345678ull, L"app.log")), L"app.log");
   EXPECT_EQ(OriginalOfMoved(L"~wd64pack.notahexnumber00.app.log"), L"");
   EXPECT_EQ(OriginalOfMoved(L"app.log"), L"");
-  EXPECT_TRUE(IsPackerOwnName(L"~WD64ZIP.01DC5A0012345678.tmp"));
-  EXPECT_FALSE(IsPackerOwnName(L"app.log"));
-  EXPECT_EQ(FolderGuardName(L"C:\\Data\\Logs"), FolderGuardName(L"c:\\data\\LOGS\\"));
-  EXPECT_NE(FolderGuardName(L"C:\\Data\\Logs"), FolderGuardName(L"C:\\Data\\Logs2"));
+  const std::wstring partial = PartialName(0x0123456789ABCDEFull, 0xFEDCBA9876543210ull);
+  EXPECT_TRUE(IsPartialName(partial) && IsPartialName(L"~WD64ZIP.01DC5A0012345678.TMP"));
+  EXPECT_FALSE(IsPartialName(L"~wd64zip..tmp") || IsPartialName(L"~wd64zip.12345678.log"));
+  for (const std::wstring& name : {moved, partial, std::wstring(L"~WD64LOCK"), DoneName(1, L"a.log")}) {
+    EXPECT_TRUE(IsPackerOwnName(name)) << name;
+  }
+  EXPECT_FALSE(IsPackerOwnName(L"app.log") || IsPackerOwnName(L"~wd64lock.log"));
 
   bool bUtf8 = true;
   EXPECT_EQ(EntryNameBytes(L"app.log", bUtf8), "app.log");
@@ -323,31 +383,45 @@ TEST(LogPackerRun, PacksExactlyTheOldAndLargeLogsAndDeletesThem) {
 
   SYSTEMTIME before, after;
   ::GetLocalTime(&before);
-  ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 1)), S_OK);
+  NodePtr report;
+  ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 1), &report), S_OK);
   ::GetLocalTime(&after);
   const auto archive = TheArchive(folder);
   EXPECT_GE(archive, L"logs\\" + ArchiveName(before));
   EXPECT_LE(archive, L"logs\\" + ArchiveName(after));
-  const std::set<std::wstring> packed{L"old.log", L"empty.log", L"over.log", L"east.log"};
+  const std::map<std::wstring, std::uint64_t> packed{
+      {L"old.log", 5000}, {L"empty.log", 0}, {L"over.log", kMiB + 1}, {L"east.log", 3000}};
+  std::vector<std::wstring> lines;
   for (const auto& name : found) {  // entries in the order the folder lists them
-    if (packed.count(name) != 0) ExpectEntry(folder, archive, name);
+    if (packed.count(name) != 0) {
+      ExpectEntry(folder, archive, name);
+      lines.push_back(L"PackedFile " + name + L" " + std::to_wstring(packed.at(name)));
+    }
     EXPECT_EQ(packed.count(name) != 0 ? !fs::exists(folder / L"logs" / name) : Untouched(folder, name), true) << name;
   }
   EXPECT_EQ(PackerOwnFiles(folder / L"logs"), std::vector<std::wstring>{});
+  std::wstring archivePath;
+  EXPECT_TRUE(report.TryGetAttribute(L"ArchivePath", archivePath));
+  EXPECT_EQ(archivePath, (folder / archive).wstring());
+  EXPECT_EQ(ReportLines(report), lines);
 
-  // Nothing selected: no archive. Then runs within one second each get an
-  // archive of their own; none is replaced.
-  ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 1)), S_OK);
+  // Nothing selected: no archive, and a report that says so. Then runs
+  // within one second each get an archive of their own; none is replaced.
+  ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 1), &report), S_OK);
+  EXPECT_TRUE(report.TryGetAttribute(L"ArchivePath", archivePath));
+  EXPECT_EQ(std::make_pair(archivePath, report.GetChildCount()), std::make_pair(std::wstring(), 0u));
   EXPECT_EQ(ListFiles(folder / L"logs", L"logs_*.zip").size(), 1u);
   for (int run = 0; run < 3; ++run) {
     MakeLog(folder, L"again" + std::to_wstring(run) + L".log", 2000 + run, 48 * kHour, run);
-    ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 1)), S_OK);
+    // Without "Report" a request is answered with nothing, as ever.
+    ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 1), &report, false), S_OK);
+    EXPECT_TRUE(report.IsEmpty());
     ExpectSurvivor(folder, L"again" + std::to_wstring(run) + L".log", L"once");
   }
   EXPECT_EQ(ListFiles(folder / L"logs", L"logs_*.zip").size(), 4u);
 }
 
-TEST(LogPackerRun, SkipsWhatCannotBePackedAndTakesNamesAsFound) {
+TEST(LogPackerRun, SkipsLinksItsOwnArchivesAndWhatIsHeldAndTakesNamesAsFound) {
   const auto folder = FreshFolder(L"packer-names-\u0438\u043C\u0435\u043D\u0430");  // archives on a wide path
   const auto logs = folder / L"logs";
   LogCapture capture;
@@ -357,51 +431,154 @@ TEST(LogPackerRun, SkipsWhatCannotBePackedAndTakesNamesAsFound) {
   EXPECT_EQ(errors[0].second.rfind(L"CLogPackerComponent::ProcessRequest failed: 0x80070003", 0), 0u);
 
   // Found names are used as found: "%COMPUTERNAME%.log" is packed, the file
-  // its expansion names is not; "āpp.log" is not "app.log".
+  // its expansion names is not; "āpp.log" is not "app.log". An old archive
+  // of its own matches "*" too, and is never packed.
   wchar_t computer[MAX_COMPUTERNAME_LENGTH + 1];
   DWORD length = MAX_COMPUTERNAME_LENGTH + 1;
   ASSERT_TRUE(::GetComputerNameW(computer, &length));
   const std::wstring expanded = std::wstring(computer) + L".log";
   const std::wstring oldNames[] = {L"%COMPUTERNAME%.log", L"\u0101pp.log", L"\u0436\u0443\u0440\u043D\u0430\u043B.log",
-                                   L"held.log", L"old.txt"};
+                                   L"held.log", L"old.txt", L"logs_20200101000000.zip"};
   for (const auto& name : oldNames) MakeLog(folder, name, 3000 + name.size(), 48 * kHour, name[0]);
   for (const auto& name : {expanded, std::wstring(L"app.log")}) MakeLog(folder, name, 1000, 0);
   fs::create_directories(logs / L"sub.log");
   SetAge(logs / L"sub.log", 48 * kHour);
 
+  // Links to files and a folder outside, as old as the logs: a symbolic
+  // link, a hard link (the same file under a second name) and a folder link.
+  const auto outside = folder / L"outside";
+  fs::create_directories(outside / L"dir");
+  std::map<fs::path, std::string> outsiders;
+  for (const wchar_t* name : {L"soft.log", L"hard.log", L"dir\\inner.log"}) {
+    outsiders[outside / name] = LogText(4000, name[0] * 7);
+    std::ofstream(outside / name, std::ios::binary) << outsiders[outside / name];
+    SetAge(outside / name, 48 * kHour);
+  }
+  TestSupport::MakeLink((outside / L"soft.log").wstring(), (logs / L"soft.log").wstring());
+  TestSupport::MakeLink((outside / L"hard.log").wstring(), (logs / L"hard.log").wstring(), false);
+  TestSupport::MakeLink((outside / L"dir").wstring(), (logs / L"dir.log").wstring());
+
   // Another process holds held.log with no sharing at all until it is killed.
   TestSupport::Process holder(L"test_helper.exe", L"lock \"" + (logs / L"held.log").wstring() + L"\" 60000");
-  for (int i = 0; i < 500; ++i) {
-    Handle probe(::CreateFileW((logs / L"held.log").c_str(), DELETE, 7, nullptr, OPEN_EXISTING, 0, nullptr));
-    if (!probe) break;
-    probe.Reset();
-    ::Sleep(10);
-  }
+  ASSERT_TRUE(WaitUntilHeld(logs / L"held.log"));
+  const std::set<std::wstring> linked{L"soft.log", L"hard.log", L"dir.log"};
   const auto found = ListFiles(logs, L"*");
-  ASSERT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*")), S_OK);  // "*" also finds ".", ".." and sub.log
+  NodePtr report;
+  ASSERT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*"), &report), S_OK);  // also ".", ".." and sub.log
   const auto first = TheArchive(folder);
+  std::vector<std::wstring> lines;
   for (const auto& name : found) {
     if (name == L"held.log") {
       EXPECT_EQ(fs::file_size(logs / name), fs::file_size(folder / L"originals" / name));  // unreadable while held
-    } else if (name == expanded || name == L"app.log") {
+    } else if (name == expanded || name == L"app.log" || name == L"logs_20200101000000.zip") {
       EXPECT_TRUE(Untouched(folder, name)) << name;
-    } else {
+    } else if (linked.count(name) == 0) {
       ExpectEntry(folder, first, name);
       EXPECT_FALSE(fs::exists(logs / name));
+      lines.push_back(L"PackedFile " + name + L" " + std::to_wstring(3000 + name.size()));
     }
   }
   EXPECT_TRUE(fs::is_directory(logs / L"sub.log"));
+  // One warning for each file left, and the same reason in the report.
   const auto warnings = capture.Warnings(L"LogPacker");
-  ASSERT_EQ(warnings.size(), 1u);
-  EXPECT_NE(warnings[0].second.find(L"\"held.log\""), std::wstring::npos) << warnings[0].second;
+  std::map<std::wstring, std::wstring> reasons;
+  for (const auto& [line, text] : warnings) {
+    const std::size_t split = text.find(L"\" not packed: ");
+    ASSERT_TRUE(text.rfind(L"Log file \"", 0) == 0 && split != std::wstring::npos) << text;
+    reasons[text.substr(10, split - 10)] = text.substr(split + 14);
+    lines.push_back(L"SkippedFile " + text.substr(10, split - 10) + L": " + text.substr(split + 14));
+  }
+  EXPECT_EQ(ReportLines(report), lines);
+  // Wine lists a link to a folder as a link, but shows a link to a file as
+  // the file it leads to, outside.
+  ASSERT_EQ(reasons.size(), 4u);
+  EXPECT_NE(reasons[L"held.log"].find(L"; left for a later run"), std::wstring::npos);
+  EXPECT_EQ(reasons[L"soft.log"], Kestrel::RefusalText(Kestrel::EntryRefusal::kOutside));
+  EXPECT_EQ(reasons[L"hard.log"], Kestrel::RefusalText(Kestrel::EntryRefusal::kSeveralNames));
+  EXPECT_EQ(reasons[L"dir.log"], Kestrel::RefusalText(Kestrel::EntryRefusal::kLink));
 
-  // Let go, it goes with the next run.
+  // Let go, it goes with the next run; the links stay refused.
   holder.Kill();
-  ::Sleep(1100);
   ASSERT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*")), S_OK);
-  const auto archives = ListFiles(logs, L"logs_*.zip");
+  const auto archives = RunArchives(logs);
   ASSERT_EQ(archives.size(), 2u);
   ExpectEntry(folder, L"logs\\" + archives[1], L"held.log");
+  EXPECT_EQ(capture.Warnings(L"LogPacker").size(), 7u);
+  EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
+  // A link planted where the lock goes fails the run: its target is never
+  // marked for deletion.
+  TestSupport::MakeLink((outside / L"soft.log").wstring(), (logs / Kestrel::PackerRules::kLockName).wstring());
+  EXPECT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*")), static_cast<HRESULT>(0x8007112B));
+  for (const auto& [path, text] : outsiders) EXPECT_EQ(ReadAll(path), text) << path;
+  EXPECT_TRUE(Untouched(folder, L"logs_20200101000000.zip"));
+}
+
+TEST(LogPackerRun, PublishesLastAndPacksEachFileOnceReadOnlyOrUndeletable) {
+  const auto folder = FreshFolder(L"packer-order");
+  const auto logs = folder / L"logs";
+  const NodePtr node = PackerNode(logs, 24, 1);
+  const std::vector<std::wstring> names{L"a.log", L"ro.log", L"mapped.log"};
+  for (const auto& name : names) MakeLog(folder, name, 2000 + name.size(), 48 * kHour, name[0]);
+  MakeLog(folder, L"young.log", 1000, 0);
+  ASSERT_TRUE(::SetFileAttributesW((logs / L"ro.log").c_str(), FILE_ATTRIBUTE_READONLY));
+  const auto found = ListFiles(logs, L"*.log");
+
+  // The archive's final rename fails: every log is back as it was, and
+  // neither an archive nor a file of the packer's is left.
+  {
+    Kestrel::Detail::ScopedPackRunSeam failingRename({60'000, ERROR_ACCESS_DENIED});
+    EXPECT_EQ(PackOnce(node), E_ACCESSDENIED);
+  }
+  EXPECT_EQ(ListFiles(logs, L"logs_*.zip"), std::vector<std::wstring>{});
+  EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
+  for (const auto& name : found) EXPECT_TRUE(Untouched(folder, name)) << name;
+  EXPECT_TRUE(::GetFileAttributesW((logs / L"ro.log").c_str()) & FILE_ATTRIBUTE_READONLY);
+
+  // What a killed run leaves (a file it moved aside, which looks new, its
+  // unfinished archive and its lock file) is packed and cleaned up even
+  // when no log of the mask is due.
+  const std::wstring moved = Kestrel::PackerRules::MovedName(0x01DC000000000001ull, L"killed.log");
+  MakeLog(folder, moved, 3000, 0);
+  std::ofstream(logs / Kestrel::PackerRules::PartialName(1, 2), std::ios::binary) << "PK";
+  std::ofstream(logs / Kestrel::PackerRules::kLockName, std::ios::binary) << "";
+  ASSERT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*.txt")), S_OK);
+  ExpectEntry(folder, TheArchive(folder), L"killed.log", L"originals\\" + moved);
+  EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
+
+  // A read-only log is packed and deleted like any other. One that cannot be
+  // deleted (this process maps it) is set aside: never packed again, and
+  // deleted by the first run after it is let go.
+  Handle file(::CreateFileW((logs / L"mapped.log").c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr));
+  Handle mapping(::CreateFileMappingW(file.Get(), nullptr, PAGE_READONLY, 0, 0, nullptr));
+  const void* view = ::MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, 0);
+  ASSERT_NE(view, nullptr);
+  file.Reset();
+  mapping.Reset();
+  LogCapture capture;
+  NodePtr report;
+  ASSERT_EQ(PackOnce(node, &report), S_OK);
+  ASSERT_EQ(RunArchives(logs).size(), 2u);
+  std::vector<std::wstring> lines;
+  for (const auto& name : found) {
+    if (name == L"young.log") continue;
+    ExpectEntry(folder, L"logs\\" + RunArchives(logs)[1], name);
+    if (name != L"mapped.log") lines.push_back(L"PackedFile " + name + L" " + std::to_wstring(2000 + name.size()));
+  }
+  const auto done = ListFiles(logs, L"~wd64done.*");
+  ASSERT_EQ(done.size(), 1u);
+  const auto warnings = capture.Warnings(L"LogPacker");
+  ASSERT_EQ(warnings.size(), 1u);
+  const std::wstring reason = warnings[0].second.substr(warnings[0].second.find(L": ") + 2);
+  EXPECT_EQ(warnings[0].second, L"Packed log file \"mapped.log\" could not be deleted: " + reason);
+  EXPECT_NE(reason.find(L"; set aside as \"" + done[0] + L"\", never packed again"), std::wstring::npos) << reason;
+  lines.push_back(L"SkippedFile mapped.log: " + reason);
+  EXPECT_EQ(ReportLines(report), lines);
+  ASSERT_EQ(PackOnce(node), S_OK);
+  EXPECT_EQ(ListFiles(logs, L"~wd64done.*"), done);
+  ::UnmapViewOfFile(view);
+  ASSERT_EQ(PackOnce(node), S_OK);
+  EXPECT_EQ(RunArchives(logs).size(), 2u);
+  EXPECT_EQ(ListFiles(logs, L"*.log"), std::vector<std::wstring>{L"young.log"});
   EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
 }
 
@@ -470,35 +647,47 @@ TEST(LogPackerFaults, RunsKilledAtAnyMomentLoseNothing) {
   EXPECT_EQ(PackerOwnFiles(folder / L"logs"), std::vector<std::wstring>{});
 }
 
-TEST(LogPackerFaults, TwoProcessesPackingOneFolderShareNoFile) {
+TEST(LogPackerFaults, TwoProcessesPackingOneFolderThroughTwoPathsShareNoFile) {
   const auto folder = FreshFolder(L"packer-two");
+  const auto logs = folder / L"logs", link = folder / L"link";  // a second path to the same folder
+  TestSupport::MakeLink(logs.wstring(), link.wstring());
   std::vector<std::wstring> names;
   for (int trial = 0; trial < 3; ++trial) {
     for (int k = 0; k < 8; ++k) {
       names.push_back(L"t" + std::to_wstring(trial) + L"-" + std::to_wstring(k) + L".log");
       MakeLog(folder, names.back(), 200000 + 1000 * k, 30 * kHour, trial * 8 + k);
     }
-    TestSupport::Process first = StartPackingChild(folder / L"logs"), second = StartPackingChild(folder / L"logs");
+    TestSupport::Process first = StartPackingChild(logs), second = StartPackingChild(link);
     EXPECT_EQ(first.Wait(), 0u);
     EXPECT_EQ(second.Wait(), 0u);
   }
 
-  // While another process holds the folder's guard, a run waits and touches
-  // nothing (whatever the timing, a run that did not wait would show here).
+  // While another process holds the folder's lock (through the other path),
+  // a run waits, then fails without touching anything.
   MakeLog(folder, L"guarded.log", 1000, 30 * kHour);
   names.push_back(L"guarded.log");
-  const std::wstring guardName = Kestrel::Detail::FolderGuardName((folder / L"logs").wstring());
-  Handle guard(::CreateMutexW(nullptr, TRUE, (L"Global\\" + guardName).c_str()));
-  ASSERT_TRUE(guard.IsValid());
-  TestSupport::Process waiting = StartPackingChild(folder / L"logs");
-  EXPECT_EQ(::WaitForSingleObject(waiting.Get(), 3000), static_cast<DWORD>(WAIT_TIMEOUT));
+  const std::wstring lockPath = (link / Kestrel::PackerRules::kLockName).wstring();
+  TestSupport::Process holder(L"test_helper.exe", L"lock \"" + lockPath + L"\" 60000");
+  ASSERT_TRUE(WaitUntilHeld(lockPath));
+  {
+    LogCapture capture;
+    Kestrel::Detail::ScopedPackRunSeam shortWait({300, 0});
+    EXPECT_EQ(PackOnce(PackerNode(logs, 24, 100)), static_cast<HRESULT>(0x800700AA));
+    const auto errors = capture.Errors(L"LogPackerComponent");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].second.rfind(L"CLogPackerComponent::ProcessRequest failed: 0x800700AA Another pack run holds "
+                                     L"the logs folder \"" + logs.wstring() + L"\"", 0), 0u)
+        << errors[0].second;
+  }
   EXPECT_TRUE(Untouched(folder, L"guarded.log"));
-  EXPECT_EQ(PackerOwnFiles(folder / L"logs"), std::vector<std::wstring>{});
-  ::ReleaseMutex(guard.Get());
-  EXPECT_EQ(waiting.Wait(), 0u);
+  EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{Kestrel::PackerRules::kLockName});
+  // Its holder gone, the lock file it left is no hindrance and goes too.
+  holder.Kill();
+  EXPECT_EQ(PackOnce(PackerNode(logs, 24, 100)), S_OK);
+  EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
 
   for (const auto& name : names) ExpectSurvivor(folder, name, L"once");
-  EXPECT_EQ(ListFiles(folder / L"logs", L"*.log"), std::vector<std::wstring>{});
+  EXPECT_EQ(ListFiles(logs, L"*.log"), std::vector<std::wstring>{});
 }
 
 TEST(LogPackerFaults, LogsBeingWrittenLoseNoLine) {

@@ -1,6 +1,7 @@
 #include "LogPackerComponent.h"
 
 #include "Boundary.h"
+#include "DataLayer/NodePtr.h"
 #include "LazySingleton.h"
 #include "LogPackerConfiguration.h"
 #include "WatchDogConfiguration.h"
@@ -8,8 +9,42 @@
 WD64_REGISTER_COMPONENT(CLogPackerComponent, WatchDog64::CLSID_LogPacker)
 
 namespace {
+
 constexpr wchar_t kSource[] = L"LogPackerComponent";
+
+// True when the request asks for a report ("Report", 32-bit integer 1).
+bool WantsReport(HVHNODE request) {
+  if (request == nullptr) return false;
+  std::int32_t report = 0;
+  return NodePtr::Duplicate(request).TryGetAttribute(L"Report", VHN_TYPE_INT32, &report, sizeof(report)) &&
+         report == 1;
 }
+
+NodePtr ReportNode(const Kestrel::PackReport& report) {
+  NodePtr node;
+  node.SetName(L"PackLogs");
+  node.SetAttribute(L"ArchivePath", report.archivePath);
+  for (const auto& packed : report.packed) {
+    NodePtr child;
+    child.SetName(packed.name);
+    child.SetType(L"PackedFile");
+    child.SetAttribute(L"Name", packed.name);
+    const std::int64_t bytes = static_cast<std::int64_t>(packed.bytes);
+    child.SetAttribute(L"Bytes", VHN_TYPE_INT64, &bytes, sizeof(bytes));
+    node.AddChild(child);
+  }
+  for (const auto& skipped : report.skipped) {
+    NodePtr child;
+    child.SetName(skipped.name);
+    child.SetType(L"SkippedFile");
+    child.SetAttribute(L"Name", skipped.name);
+    child.SetAttribute(L"Reason", skipped.reason);
+    node.AddChild(child);
+  }
+  return node;
+}
+
+}  // namespace
 
 HRESULT CLogPackerComponent::Configure(HVHNODE config) {
   return Kestrel::RunAtBoundary({L"CLogPackerComponent::Configure", kSource, __LINE__}, [config] {
@@ -18,9 +53,12 @@ HRESULT CLogPackerComponent::Configure(HVHNODE config) {
   });
 }
 
-HRESULT CLogPackerComponent::ProcessRequest(HVHNODE, HVHNODE*) {
-  return Kestrel::RunAtBoundary({L"CLogPackerComponent::ProcessRequest", kSource, __LINE__}, [] {
-    Kestrel::CLazySingleton<Kestrel::CLogPackerConfiguration>::Instance().PackLogs();
+HRESULT CLogPackerComponent::ProcessRequest(HVHNODE request, HVHNODE* response) {
+  return Kestrel::RunAtBoundary({L"CLogPackerComponent::ProcessRequest", kSource, __LINE__}, [request, response] {
+    const bool bReport = WantsReport(request);
+    if (bReport && response == nullptr) Kestrel::ThrowHr(E_POINTER);
+    const Kestrel::PackReport report = Kestrel::CLazySingleton<Kestrel::CLogPackerConfiguration>::Instance().PackLogs();
+    if (bReport) *response = ReportNode(report).Detach();
   });
 }
 

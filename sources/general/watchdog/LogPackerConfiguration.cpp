@@ -1,10 +1,7 @@
 #include "LogPackerConfiguration.h"
 
-#include <cwchar>
-
 #include "DataLayer/NodePtr.h"
 #include "ErrorHandling.h"
-#include "LogPackerRun.h"
 
 namespace Kestrel {
 
@@ -28,19 +25,6 @@ std::wstring ReadRequiredString(const NodePtr& node, const wchar_t* sName) {
 
 }  // namespace
 
-namespace Detail {
-
-std::wstring ArchiveName(const SYSTEMTIME& localTime) {
-  wchar_t name[64];
-  std::swprintf(name, sizeof(name) / sizeof(name[0]), L"logs_%u%02u%02u%02u%02u%02u.zip",
-                static_cast<unsigned>(localTime.wYear), static_cast<unsigned>(localTime.wMonth),
-                static_cast<unsigned>(localTime.wDay), static_cast<unsigned>(localTime.wHour),
-                static_cast<unsigned>(localTime.wMinute), static_cast<unsigned>(localTime.wSecond));
-  return name;
-}
-
-}  // namespace Detail
-
 CLogPackerConfiguration::CLogPackerConfiguration() : m_logsDirectory(L"%TEMP%\\Logs"), m_fileMask(L"*.log") {}
 
 void CLogPackerConfiguration::Configure(HVHNODE config) {
@@ -60,7 +44,7 @@ void CLogPackerConfiguration::Configure(HVHNODE config) {
   m_fileMask = std::move(expandedMask);
 }
 
-CPath CLogPackerConfiguration::PackLogs() const {
+PackReport CLogPackerConfiguration::PackLogs() const {
   return PackLogFolder({m_logsDirectory, m_fileMask, m_nMaxAgeInHours, m_nMaxSizeInMegabytes});
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "DataLayer/VhnApi.h"
+#include "LogPackerRun.h"
 #include "Path.h"
 
 namespace Kestrel {
@@ -23,9 +24,8 @@ class CLogPackerConfiguration {
   // missing key (0x80070490) keeps every earlier value.
   void Configure(HVHNODE config);
 
-  // One run over the logs directory (LogPackerRun.h). Returns the new
-  // archive's path, or an empty path when there was nothing to pack.
-  CPath PackLogs() const;
+  // One run over the logs directory (LogPackerRun.h).
+  PackReport PackLogs() const;
 
   const CPath& LogsDirectory() const noexcept { return m_logsDirectory; }
   const CPath& FileMask() const noexcept { return m_fileMask; }
@@ -38,26 +38,5 @@ class CLogPackerConfiguration {
   std::uint64_t m_nMaxAgeInHours = 24;
   std::uint64_t m_nMaxSizeInMegabytes = 100;
 };
-
-namespace Detail {
-constexpr std::uint64_t kFileTimeTicksPerHour = 36'000'000'000ull;
-
-// The age is taken between the local wall clock and the (UTC) creation time,
-// in whole microseconds, unsigned: a creation time ahead of the clock wraps
-// to a huge age. A limit too large for 64-bit ticks means no age limit.
-constexpr bool IsTooOld(std::uint64_t localNow, std::uint64_t creationTime, std::uint64_t maxAgeInHours) noexcept {
-  if (maxAgeInHours > UINT64_MAX / kFileTimeTicksPerHour) return false;
-  const std::uint64_t ageMicroseconds = (localNow - creationTime) / 10;
-  return ageMicroseconds * 10 > maxAgeInHours * kFileTimeTicksPerHour;
-}
-
-// 2^44 megabytes and more do not fit 64 bits of bytes: no size limit.
-constexpr bool IsTooLarge(std::uint64_t size, std::uint64_t maxSizeInMegabytes) noexcept {
-  return maxSizeInMegabytes < (1ull << 44) && size > (maxSizeInMegabytes << 20);
-}
-
-// "logs_" + year + MMDDhhmmss + ".zip", the year without padding.
-std::wstring ArchiveName(const SYSTEMTIME& localTime);
-}  // namespace Detail
 
 }  // namespace Kestrel

@@ -1,45 +1,40 @@
 #include "LogPackerRun.h"
 
+#include <ntsecapi.h>
+
 #include <algorithm>
-#include <cwchar>
 #include <optional>
 #include <utility>
-#include <vector>
 
 #include "DirectoryEnumerator.h"
 #include "ErrorHandling.h"
 #include "Handle.h"
-#include "LogPackerConfiguration.h"
 #include "ZipArchive.h"
 #include "logger/Logger.h"
+#include "platform/PlainFile.h"
+#include "rules/LogPackerRules.h"
 
 namespace Kestrel {
+
+namespace Rules = PackerRules;
 
 namespace {
 
 constexpr wchar_t kSource[] = L"LogPacker";
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+// A taken file is read, cleared of its read-only attribute, deleted or
+// renamed through one handle.
+constexpr DWORD kTakeAccess = GENERIC_READ | DELETE | FILE_WRITE_ATTRIBUTES;
+// "The object manager encountered a reparse point while retrieving an object."
+constexpr DWORD kErrorReparsePointEncountered = 4395;
 
-bool StartsWithNoCase(const std::wstring& text, const wchar_t* prefix) {
-  const int length = static_cast<int>(std::wcslen(prefix));
-  return static_cast<int>(text.size()) >= length &&
-         ::CompareStringOrdinal(text.c_str(), length, prefix, length, TRUE) == CSTR_EQUAL;
-}
+Detail::PackRunSeam g_seam;
+
+std::wstring Reason(DWORD error) { return DescribeHResult(HResultFromWin32(error)); }
 
 bool EqualNoCase(const std::wstring& a, const std::wstring& b) {
   return ::CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()), TRUE) ==
          CSTR_EQUAL;
-}
-
-std::wstring Hex16(std::uint64_t value) {
-  wchar_t text[17];
-  std::swprintf(text, 17, L"%016llX", static_cast<unsigned long long>(value));
-  return text;
-}
-
-std::wstring Reason(DWORD error) { return DescribeHResult(HRESULT_FROM_WIN32(error)); }
-
-CPath Join(const CPath& directory, const std::wstring& name) {
-  return CPath::Verbatim(directory.String() + L"\\" + name);
 }
 
 std::uint64_t SystemTimeNow() {
@@ -48,31 +43,62 @@ std::uint64_t SystemTimeNow() {
   return (static_cast<std::uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
 }
 
-// Held for the whole run. A run killed while holding it leaves the mutex
-// abandoned, which the next run takes as acquired.
-class FolderGuard {
+bool IsNameTaken(DWORD error) { return error == ERROR_ALREADY_EXISTS || error == ERROR_FILE_EXISTS; }
+
+CFolder OpenLogsFolder(const CPath& directory) {
+  try {
+    return CFolder(directory.String());
+  } catch (const HRX& error) {
+    // A missing folder reads as the missing path the folder listing reported.
+    if (error.Code() != HResultFromWin32(ERROR_FILE_NOT_FOUND)) throw;
+    ThrowHr(HResultFromWin32(ERROR_PATH_NOT_FOUND),
+            Reason(ERROR_PATH_NOT_FOUND) + L" (logs folder \"" + directory.String() + L"\")");
+  }
+}
+
+// The folder's lock: a file of the folder held without sharing for the whole
+// run and deleted when its handle closes, so every process honours it (any
+// account, any path to the folder, another machine on a share) and a killed
+// run's lock goes with its process.
+class FolderLock {
  public:
-  explicit FolderGuard(const CPath& directory) {
-    const std::wstring name = Detail::FolderGuardName(directory.String());
-    m_hMutex.Reset(::CreateMutexW(nullptr, FALSE, (L"Global\\" + name).c_str()));
-    // Without the right to make global objects, processes of one session
-    // still exclude each other.
-    if (!m_hMutex) m_hMutex.Reset(::CreateMutexW(nullptr, FALSE, (L"Local\\" + name).c_str()));
-    ThrowLastErrorIf(!m_hMutex);
-    const DWORD result = ::WaitForSingleObject(m_hMutex.Get(), INFINITE);
-    if (result == WAIT_ABANDONED) {
-      VH_LOG(VHLogger::SEV_INFO, kSource, L"An earlier pack run of this folder ended without finishing; its files are "
-                                          L"picked up first");
-    } else if (result != WAIT_OBJECT_0) {
-      ThrowLastError();
+  explicit FolderLock(const CFolder& folder) {
+    const ULONGLONG start = ::GetTickCount64();
+    const ULONGLONG wait = g_seam.lockWaitMilliseconds;
+    for (;;) {
+      PlainFile lock = OpenPlainFile(folder, Rules::kLockName, DELETE, 0, OPEN_ALWAYS);
+      if (lock) {
+        // Marked for deletion only now that the handle is known to hold the
+        // folder's own file: a planted link never passes a delete on.
+        FILE_DISPOSITION_INFO disposition{TRUE};
+        ThrowLastErrorIf(
+            !::SetFileInformationByHandle(lock.file.Get(), FileDispositionInfo, &disposition, sizeof(disposition)));
+        m_hLock = std::move(lock.file);
+        return;
+      }
+      const std::wstring path = folder.Join(Rules::kLockName);
+      if (lock.refusal != EntryRefusal::kNone) {
+        ThrowHr(HResultFromWin32(kErrorReparsePointEncountered),
+                L"The pack lock \"" + path + L"\" is " + lock.Reason() + L"; nothing was packed");
+      }
+      // Held by another run: a sharing violation, or access denied while its
+      // holder's delete is pending.
+      if (lock.error != ERROR_SHARING_VIOLATION && lock.error != ERROR_ACCESS_DENIED) {
+        ThrowHr(HResultFromWin32(lock.error), L"The pack lock \"" + path + L"\" cannot be opened: " + lock.Reason());
+      }
+      const ULONGLONG waited = ::GetTickCount64() - start;
+      if (waited >= wait) {
+        ThrowHr(HResultFromWin32(ERROR_BUSY), L"Another pack run holds the logs folder \"" + folder.Path() +
+                                                  L"\": its lock \"" + Rules::kLockName + L"\" stayed taken for " +
+                                                  std::to_wstring(waited / 1000) + L" s (" + lock.Reason() +
+                                                  L"); nothing was packed");
+      }
+      ::Sleep(static_cast<DWORD>(std::min<ULONGLONG>(100, wait - waited)));
     }
   }
-  ~FolderGuard() { ::ReleaseMutex(m_hMutex.Get()); }
-  FolderGuard(const FolderGuard&) = delete;
-  FolderGuard& operator=(const FolderGuard&) = delete;
 
  private:
-  Handle m_hMutex;
+  Handle m_hLock;
 };
 
 // A file taken for this archive: held open without write or delete sharing
@@ -80,64 +106,51 @@ class FolderGuard {
 // renames it or replaces it meanwhile.
 struct TakenFile {
   Handle file;
-  CPath path;
-  std::wstring entryName;
+  std::wstring name;       // its name in the folder now
+  std::wstring entryName;  // its original name
+  std::uint64_t bytes = 0;
+  bool bMovedNow = false;  // renamed by this run, put back if the archive fails
   bool bPacked = false;
 };
 
-// Opens a file for packing; on failure logs one WARN line and returns none.
-std::optional<TakenFile> Take(const CPath& path, const std::wstring& entryName, const std::wstring& shownName) {
-  Handle file(::CreateFileW(path.c_str(), GENERIC_READ | DELETE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-  if (!file) {
-    const DWORD error = ::GetLastError();
-    if (error == ERROR_SHARING_VIOLATION) {
-      // A writer (this module's own logger too) still holds it.
-      VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << shownName << L"\" is still open for writing; left as \""
-                                                         << path.String() << L"\" for a later run");
-    } else {
-      VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << shownName << L"\" not packed, left for a later run: "
-                                                         << Reason(error));
-    }
-    return std::nullopt;
-  }
-  return TakenFile{std::move(file), path, entryName};
-}
-
 class PackRun {
  public:
-  explicit PackRun(const LogPackerSettings& settings) : m_settings(settings) {}
+  explicit PackRun(const LogPackerSettings& settings)
+      : m_settings(settings), m_folder(OpenLogsFolder(settings.logsDirectory)) {}
 
-  CPath Run() {
-    FolderGuard guard(m_settings.logsDirectory);
-    RemovePartialArchives();
+  PackReport Run() {
+    FolderLock lock(m_folder);
+    if (DeleteLeftovers(Rules::kPartialPrefix, [](const std::wstring& name) { return Rules::IsPartialName(name); })) {
+      VH_LOG(VHLogger::SEV_INFO, kSource, L"An earlier pack run of this folder ended without finishing; its files "
+                                          L"are picked up first");
+    }
+    DeleteLeftovers(Rules::kDonePrefix, [](const std::wstring& name) { return !Rules::OriginalOfDone(name).empty(); });
     const std::vector<std::wstring> moved = FindMovedFiles();
     const std::vector<std::wstring> selected = SelectFiles();
-    if (moved.empty() && selected.empty()) return {};
+    if (moved.empty() && selected.empty()) return std::move(m_report);
 
     SYSTEMTIME now;
     ::GetLocalTime(&now);
-    const std::wstring archiveName = Detail::ArchiveName(now);
-    const CPath partialPath =
-        Join(m_settings.logsDirectory, std::wstring(Detail::kPartialPrefix) + Hex16(SystemTimeNow()) + L".tmp");
+    const std::wstring archiveName = Rules::ArchiveName(now);
+    Handle partial = CreatePartialArchive();
 
     std::optional<HRX> failure;
     {
-      CZipArchive archive(partialPath);
+      CZipArchive archive(partial.Get(), m_folder.Join(m_partialName));
       try {
         // Earlier generations first, so lines stay in order across archives.
         for (const std::wstring& name : moved) {
-          const std::wstring original = Detail::OriginalOfMoved(name);
-          if (HasEntry(original)) continue;  // one generation of a name in an archive
-          if (auto taken = Take(Join(m_settings.logsDirectory, name), original, original)) {
-            Pack(archive, *taken);
+          const std::wstring original = Rules::OriginalOfMoved(name);
+          if (WaitsBehind(original)) continue;
+          if (auto taken = Take(name, original)) {
+            Pack(archive, std::move(*taken));
           } else {
             m_waiting.push_back(original);  // later generations wait behind it
           }
         }
         for (const std::wstring& name : selected) {
-          if (HasEntry(name)) continue;  // an earlier generation went into this archive; this one waits
-          if (auto taken = MoveAsideAndTake(name)) Pack(archive, *taken);
+          if (WaitsBehind(name)) continue;
+          if (auto taken = MoveAsideAndTake(name)) Pack(archive, std::move(*taken));
         }
       } catch (const HRX& error) {
         failure = error;
@@ -146,46 +159,65 @@ class PackRun {
         archive.Close();
       } catch (const HRX&) {
         // An archive that could not be closed is no archive: nothing is deleted.
-        ::DeleteFileW(partialPath.c_str());
+        Abandon(partial);
         if (failure) throw *failure;
         throw;
       }
     }
 
-    const bool bAnyPacked = std::any_of(m_taken.begin(), m_taken.end(), [](const TakenFile& t) { return t.bPacked; });
-    CPath archivePath;
-    if (!bAnyPacked) {
-      ::DeleteFileW(partialPath.c_str());
+    if (std::none_of(m_taken.begin(), m_taken.end(), [](const TakenFile& t) { return t.bPacked; })) {
+      DeleteByHandle(partial.Get());
     } else {
-      archivePath = Publish(partialPath, archiveName);
-      DeletePacked(archivePath);
+      try {
+        m_report.archivePath = Publish(partial.Get(), archiveName);
+      } catch (const HRX&) {
+        Abandon(partial);
+        if (failure) throw *failure;
+        throw;
+      }
+      partial.Reset();
+      DeletePacked();
     }
     if (failure) throw *failure;
-    return archivePath;
+    return std::move(m_report);
   }
 
  private:
-  // Temporary archives of runs that died before finishing; with the guard
-  // held none is being written, and none of their files was deleted.
-  void RemovePartialArchives() {
-    DirectoryEnumerator(Join(m_settings.logsDirectory, std::wstring(Detail::kPartialPrefix) + L"*"))
+  // One warning line, and the same reason in the report.
+  void Skip(const std::wstring& name, const std::wstring& reason) {
+    VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << name << L"\" not packed: " << reason);
+    m_report.skipped.push_back({name, reason});
+  }
+
+  // Temporary archives of runs that died before finishing (with the lock
+  // held none is being written, and none of their files was deleted), and
+  // packed files whose delete failed before. Returns how many went.
+  template <typename IsLeftover>
+  std::size_t DeleteLeftovers(const wchar_t* prefix, IsLeftover isLeftover) {
+    std::size_t deleted = 0;
+    DirectoryEnumerator(CPath::Verbatim(m_folder.Join(std::wstring(prefix) + L"*")))
         .EnumerateFindData([&](const WIN32_FIND_DATAW& data) {
           const std::wstring name = data.cFileName;
-          if (StartsWithNoCase(name, Detail::kPartialPrefix) && !(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) {
-            ::DeleteFileW(Join(m_settings.logsDirectory, name).c_str());
+          if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || !isLeftover(name)) return true;
+          const PlainFile file = OpenPlainFile(m_folder, name, DELETE | FILE_WRITE_ATTRIBUTES, kShareAll, OPEN_EXISTING);
+          if (file.refusal != EntryRefusal::kNone) {
+            VH_LOG(VHLogger::SEV_WARN, kSource, L"\"" << name << L"\" left alone: " << file.Reason());
+          } else if (file && DeleteByHandle(file.file.Get())) {
+            ++deleted;
           }
           return true;
         });
+    return deleted;
   }
 
   // Files moved aside by earlier runs, taken whatever their age or size (a
   // renamed file may look new), oldest generation first.
   std::vector<std::wstring> FindMovedFiles() {
     std::vector<std::wstring> moved;
-    DirectoryEnumerator(Join(m_settings.logsDirectory, std::wstring(Detail::kMovedPrefix) + L"*"))
+    DirectoryEnumerator(CPath::Verbatim(m_folder.Join(std::wstring(Rules::kMovedPrefix) + L"*")))
         .EnumerateFindData([&](const WIN32_FIND_DATAW& data) {
           std::wstring name = data.cFileName;
-          if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && !Detail::OriginalOfMoved(name).empty()) {
+          if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && !Rules::OriginalOfMoved(name).empty()) {
             moved.push_back(std::move(name));
           }
           return true;
@@ -197,161 +229,203 @@ class PackRun {
     return moved;
   }
 
+  // Plain files matching the mask that are too old or too large. Each is
+  // judged on a checked handle: a link or a second name of a file elsewhere
+  // is refused here, before anything is read of it.
   std::vector<std::wstring> SelectFiles() {
     CPathBuilder pattern;
-    pattern.Append(m_settings.logsDirectory.String()).Append(L"\\").Append(m_settings.fileMask.String());
+    pattern.Append(m_folder.Path().c_str()).Append(L"\\").Append(m_settings.fileMask.c_str());
     std::vector<std::wstring> selected;
     const std::uint64_t localNow = GetLocalTimeAsFileTime();
     DirectoryEnumerator(CPath::Verbatim(pattern.c_str())).EnumerateFindData([&](const WIN32_FIND_DATAW& data) {
       std::wstring name = data.cFileName;
-      // Folders (with "." and "..") and the packer's own files are no logs.
-      if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || Detail::IsPackerOwnName(name)) return true;
-      const CPath path = Join(m_settings.logsDirectory, name);
-      try {
-        if (Detail::IsTooOld(localNow, GetFileCreationTime(path), m_settings.maxAgeInHours) ||
-            Detail::IsTooLarge(GetFileSize(path), m_settings.maxSizeInMegabytes)) {
-          selected.push_back(std::move(name));
-        }
-      } catch (const HRX& error) {
-        VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << name << L"\" not packed, left for a later run: "
-                                                           << error.Text());
+      // The packer's own files and plain folders (with "." and "..") are no
+      // logs; an entry listed as a link is refused before it is opened.
+      const DWORD attributes = data.dwFileAttributes;
+      if (Rules::IsPackerOwnName(name)) return true;
+      if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) {
+        Skip(name, RefusalText(EntryRefusal::kLink));
+        return true;
+      }
+      if (attributes & FILE_ATTRIBUTE_DIRECTORY) return true;
+      const PlainFile file = OpenPlainFile(m_folder, name, FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING);
+      BY_HANDLE_FILE_INFORMATION info{};
+      if (!file || !::GetFileInformationByHandle(file.file.Get(), &info)) {
+        Skip(name, file.refusal != EntryRefusal::kNone ? file.Reason()
+                                                       : Reason(file ? ::GetLastError() : file.error) +
+                                                             L"; left for a later run");
+        return true;
+      }
+      const std::uint64_t created =
+          (static_cast<std::uint64_t>(info.ftCreationTime.dwHighDateTime) << 32) | info.ftCreationTime.dwLowDateTime;
+      const std::uint64_t size = (static_cast<std::uint64_t>(info.nFileSizeHigh) << 32) | info.nFileSizeLow;
+      if (Rules::IsTooOld(localNow, created, m_settings.maxAgeInHours) ||
+          Rules::IsTooLarge(size, m_settings.maxSizeInMegabytes)) {
+        selected.push_back(std::move(name));
       }
       return true;
     });
     return selected;
   }
 
+  // A new plain file of the folder under a name nobody can guess, so nothing
+  // planted beforehand can redirect what the archive writes.
+  Handle CreatePartialArchive() {
+    for (int attempt = 1;; ++attempt) {
+      std::uint64_t random[2] = {};
+      if (!::RtlGenRandom(random, sizeof(random))) ThrowHr(E_FAIL, L"No random bytes for a temporary archive name");
+      m_partialName = Rules::PartialName(random[0], random[1]);
+      PlainFile file =
+          OpenPlainFile(m_folder, m_partialName, GENERIC_READ | GENERIC_WRITE | DELETE, 0, CREATE_NEW);
+      if (file) return std::move(file.file);
+      if (file.refusal == EntryRefusal::kNone && IsNameTaken(file.error) && attempt < 3) continue;
+      ThrowHr(HResultFromWin32(file.error != ERROR_SUCCESS ? file.error : kErrorReparsePointEncountered),
+              L"The temporary archive \"" + m_folder.Join(m_partialName) + L"\" cannot be created: " + file.Reason());
+    }
+  }
+
+  std::optional<TakenFile> Take(const std::wstring& name, const std::wstring& original) {
+    PlainFile file =
+        OpenPlainFile(m_folder, name, kTakeAccess, FILE_SHARE_READ, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN);
+    if (file) return TakenFile{std::move(file.file), name, original};
+    if (file.refusal != EntryRefusal::kNone) {
+      Skip(name, file.Reason());
+    } else if (file.error == ERROR_SHARING_VIOLATION) {
+      // A writer (this module's own logger too) still holds it.
+      Skip(original, L"still open for writing; left as \"" + name + L"\" for a later run");
+    } else {
+      Skip(original, file.Reason() + L"; left as \"" + name + L"\" for a later run");
+    }
+    return std::nullopt;
+  }
+
   // Renames the file first: a writer that opens it by name goes on in a
   // fresh file, and one that still holds it keeps the moved file until it
-  // lets go (the file then waits for a later run).
+  // lets go (the file then waits for a later run). The rename goes through a
+  // checked handle that shares everything, so writers are no hindrance to it.
   std::optional<TakenFile> MoveAsideAndTake(const std::wstring& name) {
-    const CPath original = Join(m_settings.logsDirectory, name);
-    std::uint64_t unique = std::max(SystemTimeNow(), m_lastUnique + 1);
-    for (;;) {
-      m_lastUnique = unique;
-      const CPath moved = Join(m_settings.logsDirectory, Detail::MovedName(unique, name));
-      if (::MoveFileExW(original.c_str(), moved.c_str(), 0)) return Take(moved, name, name);
-      const DWORD error = ::GetLastError();
-      if (error == ERROR_ALREADY_EXISTS || error == ERROR_FILE_EXISTS) {
-        ++unique;
-        continue;
+    std::wstring moved;
+    {
+      const PlainFile file = OpenPlainFile(m_folder, name, DELETE, kShareAll, OPEN_EXISTING);
+      if (!file) {
+        Skip(name, file.refusal != EntryRefusal::kNone ? file.Reason() : file.Reason() + L"; left for a later run");
+        return std::nullopt;
       }
-      VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << name << L"\" not packed, left for a later run: "
-                                                         << Reason(error));
-      return std::nullopt;
+      moved = RenameAside(file.file.Get(), Rules::MovedName, name);
+      if (moved.empty()) {
+        Skip(name, Reason(::GetLastError()) + L"; left for a later run");
+        return std::nullopt;
+      }
+    }
+    auto taken = Take(moved, name);
+    if (taken) taken->bMovedNow = true;
+    return taken;
+  }
+
+  // Renames the open file to `makeName(unique, name)` with the first unique
+  // number free; empty with the thread's last error when it cannot.
+  std::wstring RenameAside(HANDLE file, std::wstring (*makeName)(std::uint64_t, const std::wstring&),
+                           const std::wstring& name) {
+    for (std::uint64_t unique = std::max(SystemTimeNow(), m_lastUnique + 1);; ++unique) {
+      m_lastUnique = unique;
+      std::wstring aside = makeName(unique, name);
+      if (RenameByHandle(file, m_folder.Join(aside), false)) return aside;
+      if (!IsNameTaken(::GetLastError())) return {};
     }
   }
 
-  // True when the name is taken in this archive, or an earlier generation of
-  // it could not be taken and the later ones wait behind it.
-  bool HasEntry(const std::wstring& entryName) const {
-    return std::any_of(m_taken.begin(), m_taken.end(),
-                       [&](const TakenFile& taken) { return EqualNoCase(taken.entryName, entryName); }) ||
-           std::any_of(m_waiting.begin(), m_waiting.end(),
-                       [&](const std::wstring& name) { return EqualNoCase(name, entryName); });
+  // True when an earlier generation of the name is in this archive or could
+  // not be taken: this one waits for a later run.
+  bool WaitsBehind(const std::wstring& entryName) {
+    const bool bWaits =
+        std::any_of(m_taken.begin(), m_taken.end(),
+                    [&](const TakenFile& taken) { return EqualNoCase(taken.entryName, entryName); }) ||
+        std::any_of(m_waiting.begin(), m_waiting.end(), [&](const std::wstring& name) { return EqualNoCase(name, entryName); });
+    if (bWaits) m_report.skipped.push_back({entryName, L"an older file of that name goes first; left for the next run"});
+    return bWaits;
   }
 
-  void Pack(CZipArchive& archive, TakenFile& taken) {
+  void Pack(CZipArchive& archive, TakenFile taken) {
     LARGE_INTEGER size{};
     ::GetFileSizeEx(taken.file.Get(), &size);
+    taken.bytes = static_cast<std::uint64_t>(size.QuadPart);
     m_taken.push_back(std::move(taken));
     TakenFile& file = m_taken.back();
-    file.bPacked = archive.Write(file.file.Get(), file.path, file.entryName, static_cast<std::uint64_t>(size.QuadPart));
-    if (!file.bPacked) {
-      VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << file.entryName << L"\" could not be read whole; left as \""
-                                                         << file.path.String() << L"\" for a later run");
-    }
+    file.bPacked = archive.Write(file.file.Get(), m_folder.Join(file.name), file.entryName, file.bytes);
+    if (!file.bPacked) Skip(file.entryName, L"could not be read whole; left as \"" + file.name + L"\" for a later run");
   }
 
   // Makes the closed archive durable, then gives it the first free final
-  // name; an existing archive is never replaced.
-  CPath Publish(const CPath& partialPath, const std::wstring& archiveName) {
-    {
-      Handle archive(::CreateFileW(partialPath.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                   OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-      ThrowLastErrorIf(!archive);
-      ThrowLastErrorIf(!::FlushFileBuffers(archive.Get()));
-    }
+  // name through its handle; an existing archive is never replaced.
+  std::wstring Publish(HANDLE partial, const std::wstring& archiveName) {
+    ThrowLastErrorIf(!::FlushFileBuffers(partial));
     for (unsigned number = 1;; ++number) {
-      const CPath finalPath = Join(m_settings.logsDirectory, Detail::NumberedArchiveName(archiveName, number));
-      if (::MoveFileExW(partialPath.c_str(), finalPath.c_str(), MOVEFILE_WRITE_THROUGH)) return finalPath;
-      const DWORD error = ::GetLastError();
-      if ((error != ERROR_ALREADY_EXISTS && error != ERROR_FILE_EXISTS) || number == 100000) ThrowWin32(error);
+      std::wstring finalPath = m_folder.Join(Rules::NumberedArchiveName(archiveName, number));
+      DWORD error = g_seam.publishError;
+      if (error == ERROR_SUCCESS) {
+        if (RenameByHandle(partial, finalPath, false)) return finalPath;
+        error = ::GetLastError();
+      }
+      if (!IsNameTaken(error) || number == 100000) {
+        ThrowHr(HResultFromWin32(error), L"The archive cannot be published as \"" + finalPath + L"\": " + Reason(error));
+      }
     }
   }
 
-  void DeletePacked(const CPath& archivePath) {
+  // The archive failed: it goes, and the files this run moved aside get
+  // their names back where those are still free.
+  void Abandon(Handle& partial) {
+    DeleteByHandle(partial.Get());
+    partial.Reset();
+    for (TakenFile& taken : m_taken) {
+      if (taken.bMovedNow) RenameByHandle(taken.file.Get(), m_folder.Join(taken.entryName), false);
+      taken.file.Reset();
+    }
+  }
+
+  // A packed file whose delete fails is set aside under a name the selection
+  // passes over: it is in this archive, and no later archive takes it again.
+  void DeletePacked() {
     std::size_t packed = 0;
     for (TakenFile& taken : m_taken) {
       if (!taken.bPacked) continue;
       ++packed;
-      FILE_DISPOSITION_INFO disposition{TRUE};
-      if (!::SetFileInformationByHandle(taken.file.Get(), FileDispositionInfo, &disposition, sizeof(disposition))) {
+      if (DeleteByHandle(taken.file.Get())) {
+        m_report.packed.push_back({taken.entryName, taken.bytes});
+      } else {
         const DWORD error = ::GetLastError();
-        // Packed again by a later run: a duplicate, never a loss.
-        VH_LOG(VHLogger::SEV_WARN, kSource, L"Packed log file \"" << taken.path.String() << L"\" could not be deleted: "
-                                                                  << Reason(error));
+        const std::wstring done = RenameAside(taken.file.Get(), Rules::DoneName, taken.entryName);
+        const std::wstring reason =
+            Reason(error) + (done.empty() ? L"; it is packed again by a later run"
+                                          : L"; set aside as \"" + done + L"\", never packed again");
+        VH_LOG(VHLogger::SEV_WARN, kSource, L"Packed log file \"" << taken.entryName << L"\" could not be deleted: "
+                                                                  << reason);
+        m_report.skipped.push_back({taken.entryName, reason});
       }
       taken.file.Reset();
     }
     VH_LOG(VHLogger::SEV_INFO, kSource, L"Packed " << packed << (packed == 1 ? L" log file" : L" log files")
-                                                   << L" into \"" << archivePath.String() << L"\"");
+                                                   << L" into \"" << m_report.archivePath << L"\"");
   }
 
   const LogPackerSettings& m_settings;
+  CFolder m_folder;
+  std::wstring m_partialName;
   std::vector<TakenFile> m_taken;
   std::vector<std::wstring> m_waiting;
   std::uint64_t m_lastUnique = 0;
+  PackReport m_report;
 };
 
 }  // namespace
 
 namespace Detail {
 
-std::wstring MovedName(std::uint64_t unique, const std::wstring& name) {
-  return std::wstring(kMovedPrefix) + Hex16(unique) + L"." + name;
-}
-
-std::wstring OriginalOfMoved(const std::wstring& found) {
-  const std::size_t prefix = std::wcslen(kMovedPrefix);
-  if (!StartsWithNoCase(found, kMovedPrefix) || found.size() < prefix + 18 || found[prefix + 16] != L'.') return {};
-  for (std::size_t i = prefix; i < prefix + 16; ++i) {
-    if (!std::iswxdigit(found[i])) return {};
-  }
-  return found.substr(prefix + 17);
-}
-
-bool IsPackerOwnName(const std::wstring& found) {
-  return StartsWithNoCase(found, kMovedPrefix) || StartsWithNoCase(found, kPartialPrefix);
-}
-
-std::wstring NumberedArchiveName(const std::wstring& archiveName, unsigned number) {
-  if (number <= 1) return archiveName;
-  const std::size_t dot = archiveName.rfind(L'.');
-  return archiveName.substr(0, dot) + L"_" + std::to_wstring(number) + archiveName.substr(dot);
-}
-
-std::wstring FolderGuardName(const std::wstring& directory) {
-  std::wstring full = directory;
-  const DWORD needed = ::GetFullPathNameW(directory.c_str(), 0, nullptr, nullptr);
-  if (needed != 0) {
-    std::vector<wchar_t> buffer(needed);
-    const DWORD length = ::GetFullPathNameW(directory.c_str(), needed, buffer.data(), nullptr);
-    if (length != 0 && length < needed) full.assign(buffer.data(), length);
-  }
-  while (full.size() > 3 && (full.back() == L'\\' || full.back() == L'/')) full.pop_back();
-  if (!full.empty()) ::CharUpperBuffW(full.data(), static_cast<DWORD>(full.size()));
-  // Mutex names cannot hold "\": the path is hashed (FNV-1a over its UTF-16 units).
-  std::uint64_t hash = 0xCBF29CE484222325ull;
-  for (const wchar_t unit : full) {
-    hash ^= static_cast<std::uint16_t>(unit);
-    hash *= 0x100000001B3ull;
-  }
-  return L"WatchDog64.LogPacker." + Hex16(hash);
-}
+ScopedPackRunSeam::ScopedPackRunSeam(const PackRunSeam& seam) noexcept : m_previous(std::exchange(g_seam, seam)) {}
+ScopedPackRunSeam::~ScopedPackRunSeam() { g_seam = m_previous; }
 
 }  // namespace Detail
 
-CPath PackLogFolder(const LogPackerSettings& settings) { return PackRun(settings).Run(); }
+PackReport PackLogFolder(const LogPackerSettings& settings) { return PackRun(settings).Run(); }
 
 }  // namespace Kestrel

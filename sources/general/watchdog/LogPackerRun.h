@@ -1,11 +1,16 @@
 #pragma once
-// One pack run over a logs folder. A file is deleted only once the archive
-// holding it is closed and has its final name; until then the archive is a
-// temporary file that no reader takes for an archive. The folder is guarded
-// across processes, so two runs never pick the same file.
+// One pack run over a logs folder. Only plain files of the folder are taken,
+// each through a handle checked to hold one (platform/PlainFile.h). A file is
+// deleted only once the archive holding it is closed and has its final name;
+// until then the archive is a temporary file that no reader takes for an
+// archive. A lock file inside the folder keeps two runs apart, whatever
+// account or path to the folder each uses.
+
+#include <windows.h>
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "Path.h"
 
@@ -18,27 +23,43 @@ struct LogPackerSettings {
   std::uint64_t maxSizeInMegabytes;
 };
 
+// What a run did.
+struct PackReport {
+  struct Packed {
+    std::wstring name;
+    std::uint64_t bytes;
+  };
+  struct Skipped {
+    std::wstring name;
+    std::wstring reason;  // the text of its warning line
+  };
+  std::wstring archivePath;      // empty when nothing was packed
+  std::vector<Packed> packed;    // in the archive and deleted
+  std::vector<Skipped> skipped;  // due for packing (or refused) and left on disk
+};
+
 // Packs the folder's old and large logs, and files an earlier run moved
-// aside, into a new archive. Returns the archive's path, or an empty path
-// when nothing was packed and no archive was left.
-CPath PackLogFolder(const LogPackerSettings& settings);
+// aside, into a new archive.
+PackReport PackLogFolder(const LogPackerSettings& settings);
 
 namespace Detail {
-// A file moved aside for packing: "~wd64pack.<16 hex digits>.<its name>".
-// The hex digits grow with time, so older generations sort first.
-inline constexpr wchar_t kMovedPrefix[] = L"~wd64pack.";
-// An archive being written: "~wd64zip.<16 hex digits>.tmp".
-inline constexpr wchar_t kPartialPrefix[] = L"~wd64zip.";
+// How long a run waits for another run's lock, and an error the archive's
+// final rename is made to fail with (0: none). Tests shorten the one and
+// set the other; the scope puts the earlier values back.
+struct PackRunSeam {
+  DWORD lockWaitMilliseconds = 60'000;
+  DWORD publishError = 0;
+};
+class ScopedPackRunSeam {
+ public:
+  explicit ScopedPackRunSeam(const PackRunSeam& seam) noexcept;
+  ~ScopedPackRunSeam();
+  ScopedPackRunSeam(const ScopedPackRunSeam&) = delete;
+  ScopedPackRunSeam& operator=(const ScopedPackRunSeam&) = delete;
 
-std::wstring MovedName(std::uint64_t unique, const std::wstring& name);
-// The original name inside a moved name; empty for any other name.
-std::wstring OriginalOfMoved(const std::wstring& found);
-bool IsPackerOwnName(const std::wstring& found);
-// "logs_X.zip", then "logs_X_2.zip", "logs_X_3.zip" ...
-std::wstring NumberedArchiveName(const std::wstring& archiveName, unsigned number);
-// The cross-process guard's name for a folder: one name for every spelling
-// of its full path that differs only in case or a trailing separator.
-std::wstring FolderGuardName(const std::wstring& directory);
+ private:
+  PackRunSeam m_previous;
+};
 }  // namespace Detail
 
 }  // namespace Kestrel

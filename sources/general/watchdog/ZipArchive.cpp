@@ -1,12 +1,11 @@
 #include "ZipArchive.h"
 
 #include <zip.h>
-// After zip.h, whose zlib and file-function declarations it needs.
-#include <iowin32.h>
 
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -22,6 +21,62 @@ constexpr wchar_t kSource[] = L"ZipArchive";
 constexpr int kMemoryLevel = 8;
 
 zipFile AsZip(void* handle) noexcept { return static_cast<zipFile>(handle); }
+
+// The library's file functions over the caller's handle: "opening" hands
+// out the handle, closing leaves it open for the caller to publish.
+struct HandleStream {
+  HANDLE file;
+  int error;
+};
+
+HandleStream* AsStream(voidpf stream) noexcept { return static_cast<HandleStream*>(stream); }
+
+voidpf ZCALLBACK OpenHandle(voidpf opaque, const void*, int) {
+  const HANDLE file = static_cast<HANDLE>(opaque);
+  if (file == nullptr || file == INVALID_HANDLE_VALUE) return nullptr;
+  return new (std::nothrow) HandleStream{file, 0};
+}
+
+uLong ZCALLBACK ReadHandle(voidpf, voidpf stream, void* buffer, uLong size) {
+  DWORD done = 0;
+  if (!::ReadFile(AsStream(stream)->file, buffer, size, &done, nullptr)) AsStream(stream)->error = 1;
+  return done;
+}
+
+uLong ZCALLBACK WriteHandle(voidpf, voidpf stream, const void* buffer, uLong size) {
+  DWORD done = 0;
+  if (!::WriteFile(AsStream(stream)->file, buffer, size, &done, nullptr)) AsStream(stream)->error = 1;
+  return done;
+}
+
+ZPOS64_T ZCALLBACK TellHandle(voidpf, voidpf stream) {
+  LARGE_INTEGER position{};
+  if (!::SetFilePointerEx(AsStream(stream)->file, LARGE_INTEGER{}, &position, FILE_CURRENT)) {
+    AsStream(stream)->error = 1;
+    return static_cast<ZPOS64_T>(-1);
+  }
+  return static_cast<ZPOS64_T>(position.QuadPart);
+}
+
+long ZCALLBACK SeekHandle(voidpf, voidpf stream, ZPOS64_T offset, int origin) {
+  const DWORD method = origin == ZLIB_FILEFUNC_SEEK_CUR   ? FILE_CURRENT
+                       : origin == ZLIB_FILEFUNC_SEEK_END ? FILE_END
+                                                          : FILE_BEGIN;
+  LARGE_INTEGER distance{};
+  distance.QuadPart = static_cast<LONGLONG>(offset);
+  if (!::SetFilePointerEx(AsStream(stream)->file, distance, nullptr, method)) {
+    AsStream(stream)->error = 1;
+    return -1;
+  }
+  return 0;
+}
+
+int ZCALLBACK CloseStream(voidpf, voidpf stream) {
+  delete AsStream(stream);
+  return 0;
+}
+
+int ZCALLBACK StreamError(voidpf, voidpf stream) { return AsStream(stream)->error; }
 
 std::string Convert(UINT codePage, DWORD flags, const std::wstring& text, bool* pUsedDefault) {
   if (text.empty()) return {};
@@ -68,20 +123,18 @@ std::string EntryNameBytes(const std::wstring& name, bool& bUtf8) {
 
 }  // namespace Detail
 
-CZipArchive::CZipArchive(const CPath& archivePath)
-    : m_archivePath(archivePath), m_nUncaughtAtCreation(std::uncaught_exceptions()) {
+CZipArchive::CZipArchive(HANDLE file, std::wstring shownPath)
+    : m_archivePath(std::move(shownPath)), m_nUncaughtAtCreation(std::uncaught_exceptions()) {
   VH_TRACE_SCOPE(kSource, L"Kestrel::CZipArchive::CZipArchive");
-  VH_LOG_AT(VHLogger::SEV_DBG, kSource, 118, L"Archive file path: " << m_archivePath.String());
-  // The wide Win32 file functions: the archive's path never passes through
-  // the code page.
-  zlib_filefunc64_def functions;
-  fill_win32_filefunc64W(&functions);
+  VH_LOG_AT(VHLogger::SEV_DBG, kSource, 118, L"Archive file path: " << m_archivePath);
+  zlib_filefunc64_def functions{OpenHandle, ReadHandle, WriteHandle, TellHandle,
+                                SeekHandle, CloseStream, StreamError, file};
   m_hZip = zipOpen2_64(m_archivePath.c_str(), APPEND_STATUS_CREATE, nullptr, &functions);
   if (m_hZip == nullptr) {
     VH_LOG_AT(VHLogger::SEV_ERR, kSource, 126, L"Couldn't open a .ZIP archive file for writing");
     // zipOpen gives no code to report.
     VH_LOG_AT(VHLogger::SEV_ERR, kSource, 127, L"zipOpen return code: TBD");
-    ThrowHr(E_FAIL, L"Couldn't open a .ZIP archive file for writing \"" + m_archivePath.String() + L"\"");
+    ThrowHr(E_FAIL, L"Couldn't open a .ZIP archive file for writing \"" + m_archivePath + L"\"");
   }
 }
 
@@ -101,13 +154,13 @@ void CZipArchive::CloseArchive(bool bRaise) {
   if (result == ZIP_OK) return;
   VH_LOG_AT(VHLogger::SEV_ERR, kSource, 148, L"Couldn't close a .ZIP archive");
   VH_LOG_AT(VHLogger::SEV_ERR, kSource, 149, L"zipClose return code: " << result);
-  if (bRaise) ThrowHr(E_FAIL, L"Couldn't close a .ZIP archive \"" + m_archivePath.String() + L"\"");
+  if (bRaise) ThrowHr(E_FAIL, L"Couldn't close a .ZIP archive \"" + m_archivePath + L"\"");
 }
 
 bool CZipArchive::Write(HANDLE source, const std::wstring& sourcePath, const std::wstring& entryName,
                         std::uint64_t expectedSize) {
   VH_TRACE_SCOPE(kSource, L"Kestrel::CZipArchive::Write");
-  VH_LOG_AT(VHLogger::SEV_DBG, kSource, 135, L"Archive file path: " << m_archivePath.String());
+  VH_LOG_AT(VHLogger::SEV_DBG, kSource, 135, L"Archive file path: " << m_archivePath);
   VH_LOG_AT(VHLogger::SEV_DBG, kSource, 136, L"Source file path: " << sourcePath);
   VH_LOG_AT(VHLogger::SEV_DBG, kSource, 137, L"Compressed file path: " << entryName);
 

@@ -1,22 +1,23 @@
 #pragma once
-// Writes a new zip archive, one deflated entry per file, streamed in chunks.
-// Every failure of the zip library is logged with its return code and raised
-// as E_FAIL.
+// Writes a new zip archive, one deflated entry per file, streamed in chunks,
+// into a file the caller has created and keeps open: the archive goes
+// nowhere but through that handle. Every failure of the zip library is
+// logged with its return code and raised as E_FAIL.
 
 #include <windows.h>
 
 #include <cstdint>
 #include <string>
 
-#include "Path.h"
 
 namespace Kestrel {
 
 class CZipArchive {
  public:
-  // Creates the archive file through its wide path, replacing one of the
-  // same name (the packer only ever gives it a fresh temporary name).
-  explicit CZipArchive(const CPath& archivePath);
+  // Starts the archive at the current position of `file` (open for reading
+  // and writing, empty). The handle stays the caller's and must outlive the
+  // archive; `shownPath` only names it in log lines.
+  CZipArchive(HANDLE file, std::wstring shownPath);
   // Closes the archive when Close was not called. Raises a failed close like
   // Close does, except while an earlier exception unwinds the stack: then the
   // failure is logged only, so the first error is the one that travels.
@@ -31,15 +32,13 @@ class CZipArchive {
   // read failure logged, and the caller must not count the file as packed.
   // A failure of the archive itself raises HRX.
   bool Write(HANDLE source, const std::wstring& sourcePath, const std::wstring& entryName, std::uint64_t expectedSize);
-  // Writes the central directory and closes the file; later calls do nothing.
+  // Writes the central directory; later calls do nothing. The file stays open.
   void Close();
-
-  const CPath& ArchivePath() const noexcept { return m_archivePath; }
 
  private:
   void CloseArchive(bool bRaise);
 
-  CPath m_archivePath;
+  std::wstring m_archivePath;
   void* m_hZip = nullptr;
   int m_nUncaughtAtCreation;
 };
