@@ -61,6 +61,7 @@ TEST(PlainFile, OnlyPlainFilesWithOneNameDirectlyInsideTheFolderAreTaken) {
   TestSupport::MakeLink(scratch.Outside() + L"\\victim.txt", scratch.Logs() + L"\\soft.log");
   TestSupport::MakeLink(scratch.Outside() + L"\\second.txt", scratch.Logs() + L"\\hard.log", false);
   TestSupport::MakeLink(scratch.Outside(), scratch.Logs() + L"\\folder.log");
+  TestSupport::MakeLink(scratch.Logs() + L"\\plain.log", scratch.Logs() + L"\\sibling.log");
   fs::create_directory(scratch.root / "logs" / "sub.log");
 
   const CFolder folder(scratch.Logs());
@@ -69,6 +70,8 @@ TEST(PlainFile, OnlyPlainFilesWithOneNameDirectlyInsideTheFolderAreTaken) {
   const EntryRefusal soft = Refusal(folder, L"soft.log");
   EXPECT_TRUE(soft == EntryRefusal::kOutside || soft == EntryRefusal::kLink);
   EXPECT_EQ(Refusal(folder, L"hard.log"), EntryRefusal::kSeveralNames);
+  const EntryRefusal sibling = Refusal(folder, L"sibling.log");
+  EXPECT_TRUE(sibling == EntryRefusal::kOutside || sibling == EntryRefusal::kLink);
   const EntryRefusal folderLink = Refusal(folder, L"folder.log");
   EXPECT_TRUE(folderLink == EntryRefusal::kFolder || folderLink == EntryRefusal::kLink);
   EXPECT_EQ(Refusal(folder, L"sub.log"), EntryRefusal::kFolder);

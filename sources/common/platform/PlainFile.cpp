@@ -34,13 +34,30 @@ std::wstring FinalPathWith(HANDLE handle, DWORD flags) {
   }
 }
 
-EntryRefusal Examine(const CFolder& folder, HANDLE file) {
+// The opened file must carry the name it was opened by: a link to a sibling
+// lies inside the folder too, but under another name. A short (8.3) name is
+// compared in its long form.
+bool HasName(const CFolder& folder, const std::wstring& name, std::wstring_view finalPath) {
+  const std::wstring_view finalName = finalPath.substr(finalPath.find_last_of(L'\\') + 1);
+  if (EqualNoCase(finalName, name)) return true;
+  const std::wstring path = folder.Join(name);
+  std::vector<wchar_t> longPath(::GetLongPathNameW(path.c_str(), nullptr, 0) + 1);
+  const DWORD length = ::GetLongPathNameW(path.c_str(), longPath.data(), static_cast<DWORD>(longPath.size()));
+  if (length == 0 || length >= longPath.size()) return false;
+  const std::wstring_view longName(longPath.data(), length);
+  return EqualNoCase(finalName, longName.substr(longName.find_last_of(L'\\') + 1));
+}
+
+EntryRefusal Examine(const CFolder& folder, const std::wstring& name, HANDLE file) {
   BY_HANDLE_FILE_INFORMATION info{};
   ThrowLastErrorIf(!::GetFileInformationByHandle(file, &info));
   if (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) return EntryRefusal::kLink;
   if (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) return EntryRefusal::kFolder;
   if (info.nNumberOfLinks != 1) return EntryRefusal::kSeveralNames;
-  if (!IsDirectlyInside(folder.FinalPath(), FinalPathOf(file))) return EntryRefusal::kOutside;
+  const std::wstring finalPath = FinalPathOf(file);
+  if (!IsDirectlyInside(folder.FinalPath(), finalPath) || !HasName(folder, name, finalPath)) {
+    return EntryRefusal::kOutside;
+  }
   return EntryRefusal::kNone;
 }
 
@@ -70,7 +87,7 @@ const wchar_t* RefusalText(EntryRefusal refusal) noexcept {
     case EntryRefusal::kSeveralNames:
       return L"a file with more than one name (a hard link), not a plain file of the folder";
     case EntryRefusal::kOutside:
-      return L"a link to a file outside the folder, not a plain file of the folder";
+      return L"a link to another file, not a plain file of the folder";
   }
   return L"not a plain file of the folder";
 }
@@ -152,7 +169,7 @@ PlainFile OpenPlainFile(const CFolder& folder, const std::wstring& name, DWORD a
     return result;
   }
   try {
-    result.refusal = Examine(folder, result.file.Get());
+    result.refusal = Examine(folder, name, result.file.Get());
   } catch (const HRX& error) {
     result.file.Reset();
     result.error = static_cast<DWORD>(HRESULT_CODE(error.Code()));
