@@ -34,16 +34,6 @@ std::wstring FinalPathWith(HANDLE handle, DWORD flags) {
   }
 }
 
-EntryRefusal Examine(const CFolder& folder, HANDLE file) {
-  BY_HANDLE_FILE_INFORMATION info{};
-  ThrowLastErrorIf(!::GetFileInformationByHandle(file, &info));
-  if (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) return EntryRefusal::kLink;
-  if (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) return EntryRefusal::kFolder;
-  if (info.nNumberOfLinks != 1) return EntryRefusal::kSeveralNames;
-  if (!IsDirectlyInside(folder.FinalPath(), FinalPathOf(file))) return EntryRefusal::kOutside;
-  return EntryRefusal::kNone;
-}
-
 bool SetReadOnly(HANDLE file, bool bReadOnly, bool& bWas) noexcept {
   FILE_BASIC_INFO basic{};
   if (!::GetFileInformationByHandleEx(file, FileBasicInfo, &basic, sizeof(basic))) return false;
@@ -137,6 +127,16 @@ bool CFolder::IsWhereNamed() const {
   return EqualNoCase(expected + path.substr(separator), m_sFinalPath);
 }
 
+EntryRefusal ExamineEntry(const CFolder& folder, HANDLE file) {
+  BY_HANDLE_FILE_INFORMATION info{};
+  ThrowLastErrorIf(!::GetFileInformationByHandle(file, &info));
+  if (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) return EntryRefusal::kLink;
+  if (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) return EntryRefusal::kFolder;
+  if (info.nNumberOfLinks != 1) return EntryRefusal::kSeveralNames;
+  if (!IsDirectlyInside(folder.FinalPath(), FinalPathOf(file))) return EntryRefusal::kOutside;
+  return EntryRefusal::kNone;
+}
+
 std::wstring PlainFile::Reason() const {
   if (refusal != EntryRefusal::kNone) return RefusalText(refusal);
   return DescribeHResult(HResultFromWin32(error));
@@ -152,7 +152,7 @@ PlainFile OpenPlainFile(const CFolder& folder, const std::wstring& name, DWORD a
     return result;
   }
   try {
-    result.refusal = Examine(folder, result.file.Get());
+    result.refusal = ExamineEntry(folder, result.file.Get());
   } catch (const HRX& error) {
     result.file.Reset();
     result.error = static_cast<DWORD>(HRESULT_CODE(error.Code()));
