@@ -63,13 +63,13 @@ std::size_t BareProcessListing() {
   std::size_t listed = 0;
   for (const DWORD id : ids) {
     if ((id & 0xFFFFFFFBu) == 0) continue;
-    HANDLE process = ::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, id);
+    HANDLE process = ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id);
     if (process == nullptr) continue;
     wchar_t path[MAX_PATH];
     DWORD size = MAX_PATH;
     ::QueryFullProcessImageNameW(process, 0, path, &size);
     ::CloseHandle(process);
-    process = ::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, id);
+    process = ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id);
     if (process == nullptr) continue;
     FILETIME creation, exit, kernel, user;
     ::GetProcessTimes(process, &creation, &exit, &kernel, &user);

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "Links.h"
+#include "LogCapture.h"
 #include "ModulePath.h"
 #include "Processes.h"
 #include "logger/Logger.h"
@@ -20,8 +22,7 @@
 
 namespace DiagTest {
 
-// Where a depth 0 message starts in a log line whose source fits its column.
-constexpr std::size_t kMessageColumn = 79;
+using TestSupport::kMessageColumn;
 
 // Sets (nullopt: removes) a variable for the scope; the logger re-reads.
 struct ScopedEnv {
@@ -44,50 +45,41 @@ struct ScopedTicks {
   GlobalSettings::Detail::TickSource previous = GlobalSettings::Detail::SetTickSource([] { return s_value.load(); });
 };
 
-struct Collected {
-  void Add(std::wstring text) {
-    std::lock_guard<std::mutex> lock(mutex);
-    texts.push_back(std::move(text));
-  }
+// What the logging code sends to the debugger output.
+struct DebugCapture {
+  DebugCapture() { s_current = this; }
+  ~DebugCapture() { VHLogger::Detail::SetDebugOutputHook(previous); }
   std::vector<std::wstring> Texts() {
     std::lock_guard<std::mutex> lock(mutex);
     return texts;
   }
+  static inline DebugCapture* s_current = nullptr;
   std::mutex mutex;
   std::vector<std::wstring> texts;
+  VHLogger::Detail::DebugOutputHook previous = VHLogger::Detail::SetDebugOutputHook([](const wchar_t* text) {
+    std::lock_guard<std::mutex> lock(s_current->mutex);
+    s_current->texts.emplace_back(text);
+  });
 };
 
-// What the logging code sends to the debugger output.
-struct DebugCapture : Collected {
-  DebugCapture() { s_current = this; }
-  ~DebugCapture() { VHLogger::Detail::SetDebugOutputHook(previous); }
-  static inline DebugCapture* s_current = nullptr;
-  VHLogger::Detail::DebugOutputHook previous =
-      VHLogger::Detail::SetDebugOutputHook([](const wchar_t* text) { s_current->Add(text); });
-};
-
-// A log writer that keeps its lines, installed while it lives.
-struct CaptureWriter : VHLogger::Detail::ILogWriter, Collected {
-  CaptureWriter() : installed(VHLogger::AddLogWriter(this)) {}
-  ~CaptureWriter() override { VHLogger::RemoveLogWriter(this); }
-  void Write(const wchar_t* text, std::size_t length) noexcept override { Add(std::wstring(text, length)); }
-  const bool installed;
-};
-
-// A fresh directory under %TEMP%, removed with its contents afterwards.
+// A fresh directory under %TEMP%, removed with its contents afterwards from
+// the Linux side, so links in it go as links.
 struct TempDir {
   TempDir() { std::filesystem::create_directory(path); }
-  ~TempDir() { std::filesystem::remove_all(path, error); }
+  ~TempDir() { TestSupport::RemoveTree(path); }
   std::wstring File(const std::wstring& name) const { return path + name; }
   static inline std::atomic<unsigned> s_count{0};
   const std::wstring path = (std::filesystem::temp_directory_path() / L"wd64diag-").wstring() +
                             std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(s_count++) + L"\\";
-  std::error_code error;
 };
 
-inline std::wstring ReadUtf16(const std::wstring& path) {
+inline std::string ReadBytes(const std::wstring& path) {
   std::ifstream in(std::filesystem::path(path), std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+  return std::string{std::istreambuf_iterator<char>(in), {}};
+}
+
+inline std::wstring ReadUtf16(const std::wstring& path) {
+  const std::string bytes = ReadBytes(path);
   return std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / 2);
 }
 

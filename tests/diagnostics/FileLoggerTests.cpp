@@ -13,6 +13,7 @@
 
 #include "DiagnosticsSupport.h"
 #include "logger/detail/FileLogger.h"
+#include "platform/PlainFile.h"
 
 using VHLogger::Detail::CFileLogger;
 constexpr auto npos = CFileLogger::npos;
@@ -28,6 +29,22 @@ void LogNumbered(CFileLogger& logger, unsigned writer) {
   for (unsigned i = 0; i < kPerWriter; ++i)
     VHLogger::GetLogger().Write(VHLogger::SEV_INFO, Numbered(writer, i), L"Concurrency", 1, &logger);
 }
+// Every line of writers `first` to `last` - 1, once, as MessagesOf gives it.
+std::multiset<std::wstring> Expected(unsigned first, unsigned last) {
+  std::multiset<std::wstring> expected;
+  for (unsigned writer = first; writer < last; ++writer)
+    for (unsigned i = 0; i < kPerWriter; ++i) expected.insert(Numbered(writer, i) + L"\r");
+  return expected;
+}
+// The messages of a file's lines, each ending in "\r"; a banner line whole.
+std::vector<std::wstring> MessagesOf(const std::wstring& path) {
+  std::vector<std::wstring> messages;
+  std::wistringstream text(DiagTest::ReadUtf16(path));
+  for (std::wstring line; std::getline(text, line);)
+    messages.push_back(line.size() > DiagTest::kMessageColumn ? line.substr(DiagTest::kMessageColumn) : line);
+  return messages;
+}
+constexpr wchar_t kBanner[] = L"=== banner ===\r";
 }  // namespace
 
 TEST(FileLogger, ThreadsAndAnotherProcessLoseAndTearNothing) {
@@ -51,12 +68,10 @@ TEST(FileLogger, ThreadsAndAnotherProcessLoseAndTearNothing) {
   EXPECT_EQ(childExit, 0u);
 
   // Every line whole and once; the banner once from each process.
-  std::multiset<std::wstring> expected{L"=== banner ===\r", L"=== banner ===\r"}, found;
-  for (unsigned writer = 0; writer < kWriters; ++writer)
-    for (unsigned i = 0; i < kPerWriter; ++i) expected.insert(Numbered(writer, i) + L"\r");
-  std::wistringstream text(DiagTest::ReadUtf16(path));
-  for (std::wstring line; std::getline(text, line);)
-    found.insert(line.size() > DiagTest::kMessageColumn ? line.substr(DiagTest::kMessageColumn) : line);
+  std::multiset<std::wstring> expected = Expected(0, kWriters);
+  expected.insert({kBanner, kBanner});
+  const std::vector<std::wstring> messages = MessagesOf(path);
+  const std::multiset<std::wstring> found(messages.begin(), messages.end());
   EXPECT_TRUE(found == expected) << "lost, torn, mixed or repeated lines among " << found.size();
 }
 
@@ -137,26 +152,17 @@ TEST(FileLogger, FilesMovedAwayUnderWritersLoseNoLine) {
   done = true;
   mover.join();
 
-  std::multiset<std::wstring> expected, found;
-  for (unsigned writer = 0; writer < kThreads; ++writer)
-    for (unsigned i = 0; i < kPerWriter; ++i) expected.insert(Numbered(writer, i) + L"\r");
-  std::size_t files = 0, banners = 0, bannerFirst = 0;
+  // Each file the banner first and once, then whole lines.
+  std::multiset<std::wstring> expected = Expected(0, kThreads), found;
+  std::size_t files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(dir.path)) {
+    const std::vector<std::wstring> messages = MessagesOf(entry.path().wstring());
     ++files;
-    const std::wstring text = DiagTest::ReadUtf16(entry.path().wstring());
-    if (text.rfind(L"=== banner ===\r\n", 0) == 0) ++bannerFirst;
-    std::wistringstream lines(text);
-    for (std::wstring line; std::getline(lines, line);) {
-      if (line == L"=== banner ===\r") {
-        ++banners;
-        continue;
-      }
-      found.insert(line.size() > DiagTest::kMessageColumn ? line.substr(DiagTest::kMessageColumn) : line);
-    }
+    EXPECT_EQ(messages.empty() ? L"" : messages[0], kBanner) << "no banner first in file " << files;
+    found.insert(messages.begin() + std::min<std::size_t>(messages.size(), 1), messages.end());
   }
   EXPECT_GT(files, 1u) << "the file was never moved";
-  EXPECT_EQ(banners, files);
-  EXPECT_EQ(bannerFirst, files);
+  EXPECT_EQ(found.count(kBanner), 0u);
   EXPECT_EQ(expected.size() - std::min(expected.size(), found.size()), 0u) << "lines lost";
   EXPECT_TRUE(found == expected) << "lost, torn, mixed or repeated lines among " << found.size();
 }
@@ -189,18 +195,12 @@ TEST(FileLogger, AWriterKilledMidWayTearsNothing) {
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(child.Wait(), 9u);
 
-  std::multiset<std::wstring> expected, found;
-  for (unsigned writer = 0; writer < kThreads; ++writer)
-    for (unsigned i = 0; i < kPerWriter; ++i) expected.insert(Numbered(writer, i) + L"\r");
+  std::multiset<std::wstring> found;
   unsigned killedLines = 0, banners = 0, torn = 0;
-  std::wistringstream text(DiagTest::ReadUtf16(path));
-  for (std::wstring line; std::getline(text, line);) {
-    if (line == L"=== banner ===\r") {
+  for (const std::wstring& message : MessagesOf(path)) {
+    if (message == kBanner) {
       ++banners;
-      continue;
-    }
-    const std::wstring message = line.size() > DiagTest::kMessageColumn ? line.substr(DiagTest::kMessageColumn) : line;
-    if (message.rfind(std::to_wstring(kKilledWriter) + L" ", 0) != 0) {
+    } else if (message.rfind(std::to_wstring(kKilledWriter) + L" ", 0) != 0) {
       found.insert(message);
     } else if (message == Numbered(kKilledWriter, killedLines) + L"\r") {
       ++killedLines;
@@ -211,5 +211,45 @@ TEST(FileLogger, AWriterKilledMidWayTearsNothing) {
   EXPECT_EQ(banners, 2u);
   EXPECT_GT(killedLines, 0u);
   EXPECT_EQ(torn, 0u);
-  EXPECT_TRUE(found == expected) << "lost, torn, mixed or repeated lines among " << found.size();
+  EXPECT_TRUE(found == Expected(0, kThreads)) << "lost, torn, mixed or repeated lines among " << found.size();
+}
+
+// The module's own log as a user who plants links meets it: a hard link and
+// a symbolic link to a victim at the log's name are refused, reported once,
+// and the victim keeps every byte; a plain file at that name in the next
+// folder gets the banner and the lines. A log folder that cannot be made is
+// refused the same way, and nothing is written.
+TEST(FileLogger, ModuleLogTakesOnlyAPlainFileOfItsFolder) {
+  DiagTest::TempDir dir;
+  const std::wstring name = Kestrel::BaseNameOf(Kestrel::ExecutableFilePath()) + L".log";
+  DiagTest::ScopedEnv zero(L"GS_Logger_KeepOpenInterval", L"0"), path(L"GS_Logger_Path", std::nullopt);
+  const std::pair<const wchar_t*, Kestrel::EntryRefusal> cases[] = {{L"hard", Kestrel::EntryRefusal::kSeveralNames},
+                                                                    {L"plain", Kestrel::EntryRefusal::kNone},
+                                                                    {L"symbolic", Kestrel::EntryRefusal::kOutside},
+                                                                    {L"file", Kestrel::EntryRefusal::kNone}};
+  for (const auto& [kind, refusal] : cases) {
+    SCOPED_TRACE(kind);
+    const std::wstring folder = dir.File(kind) + L"\\", victim = dir.File(kind) + L".txt";
+    std::filesystem::create_directories(folder);
+    DiagTest::WriteText(victim, "victim bytes");
+    if (refusal != Kestrel::EntryRefusal::kNone) TestSupport::MakeLink(victim, folder + name, kind[0] == L's');
+    path.Set(kind[0] == L'f' ? victim : folder);  // the last case names a file as the folder
+    DiagTest::DebugCapture debug;
+    VH_LOG(VHLogger::SEV_ERR, L"LinkTests", L"first line");
+    VH_LOG(VHLogger::SEV_ERR, L"LinkTests", L"second line");
+    EXPECT_EQ(DiagTest::ReadBytes(victim), "victim bytes");
+    const std::vector<std::wstring> reported = debug.Texts();
+    if (kind[0] == L'f') {
+      ASSERT_EQ(reported.size(), 1u);
+      EXPECT_EQ(reported[0].rfind(L"LogManager: log folder '" + victim + L"\\' refused: 0x8007010B ", 0), 0u);
+    } else if (refusal == Kestrel::EntryRefusal::kNone) {
+      const std::wstring text = DiagTest::ReadUtf16(folder + name);
+      EXPECT_EQ(text.rfind(VHLogger::ModuleBanner(), 0), 0u);
+      EXPECT_NE(text.find(L"| second line\r\n"), std::wstring::npos) << text;
+      EXPECT_EQ(reported, std::vector<std::wstring>{});
+    } else {
+      EXPECT_EQ(reported, std::vector<std::wstring>{L"FileLogger: log file '" + folder + name + L"' refused: " +
+                                                    Kestrel::RefusalText(refusal) + L"\n"});
+    }
+  }
 }

@@ -62,10 +62,10 @@ TEST(GlobalSettings, SourcesNumbersIniCandidatesAndRememberedAbsence) {
 // Run again with a missing "MessageFile" in a second copy of this program.
 TEST(ErrorMessages, FromTheMessageFileOrNone) {
   if (!GlobalSettings::GetStringOrDefault(L"ErrorHandling", L"MessageFile", L"").empty()) {
-    DiagTest::CaptureWriter capture;
+    TestSupport::LogCapture capture;
     for (int i = 0; i < 2; ++i) EXPECT_EQ(Kestrel::DescribeHResult(REGDB_E_CLASSNOTREG), L"<no description>");
-    ASSERT_EQ(capture.Texts().size(), 1u) << "a failed load is tried and logged once";
-    EXPECT_EQ(capture.Texts()[0].find(L"| Cannot load 'CoreErrorMessages.dll': 0x8007"), DiagTest::kMessageColumn - 2);
+    ASSERT_EQ(capture.Lines().size(), 1u) << "a failed load is tried and logged once";
+    EXPECT_EQ(capture.Lines()[0].find(L"| Cannot load 'CoreErrorMessages.dll': 0x8007"), DiagTest::kMessageColumn - 2);
     return;
   }
   EXPECT_EQ(Kestrel::DescribeHResult(REGDB_E_CLASSNOTREG),
@@ -97,14 +97,14 @@ TEST(Logger, MaxSeverityWordsAndWhenTheyAreReRead) {
 TEST(Logger, FourWriterSlotsEachWriterOnce) {
   DiagTest::DebugCapture debug;
   // The module's own file logger holds the first slot.
-  DiagTest::CaptureWriter second;
+  TestSupport::LogCapture second;
   ASSERT_TRUE(VHLogger::AddLogWriter(&second));  // again: still one slot
-  DiagTest::CaptureWriter third, fourth, fifth;
-  EXPECT_TRUE(third.installed && fourth.installed && !fifth.installed);
+  TestSupport::LogCapture third, fourth, fifth;
+  EXPECT_TRUE(third.Installed() && fourth.Installed() && !fifth.Installed());
   EXPECT_EQ(debug.Texts(), std::vector<std::wstring>{L"LogManager: Too many loggers\n"});
   VHLogger::Write(VHLogger::SEV_ERR, L"to every writer", L"LoggerTests", 1);
-  EXPECT_EQ(second.Texts().size(), 1u);
-  EXPECT_EQ(fourth.Texts().size(), 1u);
+  EXPECT_EQ(second.Lines().size(), 1u);
+  EXPECT_EQ(fourth.Lines().size(), 1u);
 }
 
 namespace {
@@ -121,16 +121,14 @@ void Inner(DiagTest::ScopedTicks& ticks, bool fail) {
 
 TEST(ScopeTracer, NestingTimesAndExceptions) {
   DiagTest::ScopedTicks ticks(1000);
-  DiagTest::CaptureWriter capture;
+  TestSupport::LogCapture capture;
   try {
     VH_TRACE_SCOPE(L"LoggerTests", std::wstring(L"A"));
     Inner(ticks, false);
     Inner(ticks, true);
   } catch (const std::runtime_error&) {
   }
-  std::vector<std::wstring> messages;  // indentation and message of each line
-  for (const auto& line : capture.Texts())
-    messages.push_back(line.substr(DiagTest::kMessageColumn, line.size() - DiagTest::kMessageColumn - 2));
+  const std::vector<std::wstring> messages = capture.Lines(true);  // indentation and message of each line
   const std::wstring failed = L"    inside ... (***EXCEPTION***)";
   EXPECT_EQ(messages, (std::vector<std::wstring>{L"Entering: A", L"  Entering: B", failed, L"  Exiting: B [1234ms]",
                                                  L"  Entering: B", failed, L"  EXCEPTION at: B [1234ms]",

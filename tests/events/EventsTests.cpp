@@ -13,6 +13,8 @@
 
 #include "ErrorHandling.h"
 #include "EventSourceRegistration.h"
+#include "Links.h"
+#include "LogCapture.h"
 #include "ModulePath.h"
 #include "events/Detail/EventlogWriter.h"
 #include "events/Detail/FileLogEventWriter.h"
@@ -54,12 +56,6 @@ std::wstring ReadUtf16File(const std::wstring& path) {
   return std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
 }
 
-// The module log so far; tests read what follows its earlier length.
-std::wstring ModuleLogText() {
-  return ReadUtf16File((VHLogger::IsEnabled(VHLogger::SEV_ERR), VHLogger::GetLogDirectory()) +
-                       Kestrel::BaseNameOf(Kestrel::ModuleFilePath()) + L".log");
-}
-
 void ExpectContains(const std::wstring& text, const std::vector<std::wstring>& pieces) {
   for (const std::wstring& piece : pieces) EXPECT_NE(text.find(piece), std::wstring::npos) << piece << "\nin: " << text;
 }
@@ -84,8 +80,10 @@ intptr_t RunHost(const wchar_t* command) {
   return ::_wspawnl(_P_WAIT, host.c_str(), L"wd64host", L"eventsource", command, nullptr);
 }
 
+constexpr wchar_t kMessages[] = L"CoreEventMessages.dll";
+
 // The events file entry under a source reading the given message file.
-std::wstring Entry(const CEventRecord& event, const std::wstring& messageFile = L"CoreEventMessages.dll") {
+std::wstring Entry(const CEventRecord& event, const std::wstring& messageFile = kMessages) {
   EventReporting::Detail::CFileLogEventWriter writer(TempFile(L"-unused.log"));
   return writer.ComposeEntry({kSourceName, kIniLogName, messageFile}, event, kTime);
 }
@@ -136,12 +134,12 @@ struct FakeEventLog {
 TEST(EventReporting, FirstUseReadsTheSettingsAndWritesTheEventsFile) {
   EXPECT_EQ(EventReporting::GetEventSource().sName, kSourceName);
   EXPECT_EQ(EventReporting::GetEventSource().sLogName, kIniLogName);
-  const std::size_t logStart = ModuleLogText().size();
+  const TestSupport::LogCapture log;
   const std::size_t fileStart = ReadUtf16File(TempFile(L".log")).size();
   EventReporting::ReportEvent(0xC00110CE, {L"Z:\\Audit\\Data", L"AuditCore"});
   CEventRecord preset(0xC00110CE);
   preset.SetType(EVENTLOG_INFORMATION_TYPE);
-  EventReporting::DispatchEvent({L"Other", L"Log", L"CoreEventMessages.dll"}, preset);
+  EventReporting::DispatchEvent({L"Other", L"Log", kMessages}, preset);
   // Insertion numbers run from 1 to 255; others never reach a writer.
   EXPECT_THROW(EventReporting::ReportEvent(0x800110CD, std::vector<std::wstring>(256, L"s")), Kestrel::HRX);
   EXPECT_THROW(CEventRecord(1).SetString(0, L"s"), Kestrel::HRX);
@@ -154,7 +152,7 @@ TEST(EventReporting, FirstUseReadsTheSettingsAndWritesTheEventsFile) {
                         L"Source: 'Vigil Hub Tests'; EventId: 4301; Type: 'Warning'(2); Category: 'Disk space'(1)\r\n"
                         L"Free disk space is low on the volumes of these watched paths: s.\r\n"});
   EXPECT_EQ(file.find(L"EventId: 4301"), file.rfind(L"EventId: 4301"));  // the rejected one is not there
-  EXPECT_EQ(ModuleLogText().find(L"EventlogWriter", logStart), std::wstring::npos);
+  EXPECT_EQ(log.Count(L"EventlogWriter"), 0u);
 }
 
 TEST(EventSourceRegistration, InstallerKeysInProcessAndThroughTheHostCommand) {
@@ -195,7 +193,7 @@ TEST(EventSourceRegistration, InstallerKeysInProcessAndThroughTheHostCommand) {
 
 // The free-space events as administrators read them, by the ids in CoreEventMessages.dll.
 TEST(FileLogEventWriter, EntriesOfTheFreeSpaceEventsOddRecordsAndFallbacks) {
-  const std::size_t logStart = ModuleLogText().size();
+  const TestSupport::LogCapture log;
   EXPECT_EQ(Entry(Completed(0x800110CD, {L"C:\\Data, D:\\Archive", L"2048"})),
             kStamp + L"EventId: 4301; Type: 'Warning'(2); Category: 'Disk space'(1)\r\n"
             L"Free disk space is low on the volumes of these watched paths: C:\\Data, D:\\Archive.\r\n"
@@ -228,9 +226,39 @@ TEST(FileLogEventWriter, EntriesOfTheFreeSpaceEventsOddRecordsAndFallbacks) {
   // An absolute path is used as it stands; the id is unknown there.
   EXPECT_EQ(Entry(Completed(0xC00110FF, {L"p", L"q"}), Kestrel::ModuleDirectory() + L"CoreEventMessages.dll"),
             kStamp + L"EventId: 4351; Type: 'Error'(1); Category: 'Disk space'(1)\r\n\r\n\t1:['q']\r\n");
-  ExpectContains(ModuleLogText().substr(logStart),
+  ExpectContains(log.Text(),
                  {L"| ERR  |", L"| FormatMessageW failed: ",
                   L"LoadLibraryExW('" + Kestrel::ModuleDirectory() + L"NoSuchMessages.dll') failed: "});
+}
+
+// A hard link and a symbolic link to a victim at the events file's name: the victim keeps every byte and
+// the refusal is logged once at ERR; a plain file in the same folder takes the entries.
+TEST(FileLogEventWriter, TakesOnlyAPlainFileOfItsFolder) {
+  const std::wstring folder = TempFile(L"-links\\");
+  ASSERT_TRUE(std::filesystem::create_directories(folder));
+  for (const wchar_t* kind : {L"hard", L"symbolic", L"plain"}) {
+    SCOPED_TRACE(kind);
+    const std::wstring victim = folder + kind + L".txt", events = folder + kind + L"\\events.log";
+    std::filesystem::create_directories(folder + kind);
+    std::ofstream(std::filesystem::path(victim), std::ios::binary) << "victim bytes";
+    if (kind[0] != L'p') TestSupport::MakeLink(victim, events, kind[0] == L's');
+    const TestSupport::LogCapture log;
+    EventReporting::Detail::CFileLogEventWriter writer(events);
+    for (int i = 0; i < 2; ++i) writer.WriteEvent({kSourceName, L"Log", kMessages}, Completed(0x800110CD, {}));
+    std::ifstream in(std::filesystem::path(victim), std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "victim bytes");
+    const std::wstring text = ReadUtf16File(events), refusal = log.LineWith(L"Events file '" + events + L"' refused: ");
+    if (kind[0] == L'p') {
+      EXPECT_EQ(log.Count(L"| ERR  |"), 0u) << log.Text();
+      EXPECT_NE(text.find(L"EventId: 4301"), text.rfind(L"EventId: 4301")) << text;
+    } else {
+      EXPECT_EQ(log.Count(L"refused: "), 1u) << log.Text();
+      ExpectContains(refusal, {L"| ERR  |", L"| FileLogEventWriter:",
+                               kind[0] == L'h' ? L"' refused: a file with more than one name (a hard link)"
+                                               : L"' refused: a link to another file, not a plain file of the folder"});
+    }
+  }
+  TestSupport::RemoveTree(folder);
 }
 
 // One registration per exact source name, made once under a race, released by its last holder.
@@ -262,7 +290,7 @@ TEST(EventlogWriter, ReportArgumentsAndOneSharedSourceHandlePerName) {
 
 TEST(EventlogWriter, FailuresAreLoggedWithTheirTexts) {
   const auto fake = FakeEventLog::Install();
-  const std::size_t logStart = ModuleLogText().size();
+  const TestSupport::LogCapture log;
   EventReporting::Detail::CEventlogWriter writer;
   // A refused registration reports without a handle and is not kept; 0xFFFF has no system text.
   const struct { DWORD registerError, reportError, eventId; } cases[] = {
@@ -273,7 +301,7 @@ TEST(EventlogWriter, FailuresAreLoggedWithTheirTexts) {
   }
   EXPECT_EQ(FakeEventLog::nRegistered, 1);
   auto text = [](DWORD error) { return Kestrel::DescribeHResult(Kestrel::HResultFromWin32(error)) + L"\r\n"; };
-  ExpectContains(ModuleLogText().substr(logStart),
+  ExpectContains(log.Text(),
                  {L"| ERR  |", L"EventlogWriter:", L"ReportEvent(1073741827) failed: (null)\r\n",
                   L"RegisterEventSource('Refused Source') failed: " + text(ERROR_ACCESS_DENIED),
                   L"ReportEvent(3221295310) failed: " + text(ERROR_INVALID_HANDLE),

@@ -6,11 +6,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ModulePath.h"
+#include "Processes.h"
 #include "components/ComponentInterfaces.h"
 
 namespace {
@@ -146,31 +150,12 @@ struct ChildResult {
 };
 
 ChildResult RunHelper(const std::wstring& arguments) {
+  const std::filesystem::path outputPath =
+      std::filesystem::temp_directory_path() / (L"wd64-helper-" + std::to_wstring(GetCurrentProcessId()) + L".txt");
   ChildResult result;
-  SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
-  HANDLE readEnd = nullptr, writeEnd = nullptr;
-  if (!CreatePipe(&readEnd, &writeEnd, &inherit, 0)) return result;
-  SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
-  std::wstring commandLine = L"\"" + Kestrel::ModuleDirectory() + L"test_helper.exe\" " + arguments;
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = writeEnd;
-  startup.hStdError = writeEnd;
-  PROCESS_INFORMATION process{};
-  const BOOL started =
-      CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
-  CloseHandle(writeEnd);
-  if (started) {
-    char buffer[4096];
-    DWORD read = 0;
-    while (ReadFile(readEnd, buffer, sizeof(buffer), &read, nullptr) && read > 0) result.output.append(buffer, read);
-    WaitForSingleObject(process.hProcess, INFINITE);
-    GetExitCodeProcess(process.hProcess, &result.exitCode);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-  }
-  CloseHandle(readEnd);
+  result.exitCode = TestSupport::Process(L"test_helper.exe", arguments, outputPath.wstring()).Wait();
+  std::ifstream file(outputPath, std::ios::binary);
+  result.output.assign(std::istreambuf_iterator<char>(file), {});
   // The child's text-mode output ends lines in CR LF.
   result.output.erase(std::remove(result.output.begin(), result.output.end(), '\r'), result.output.end());
   return result;

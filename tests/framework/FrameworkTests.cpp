@@ -6,20 +6,44 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
+#include <atomic>
+#include <new>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include "Boundary.h"
 #include "DataLayer/NodePtr.h"
 #include "ErrorHandling.h"
+#include "LogCapture.h"
 #include "UniqueResource.h"
 #include "components/ComponentsCommon.h"
-#include "logger/Logger.h"
-#include "logger/detail/LogInterfaces.h"
 
 using Kestrel::errData;
 using Kestrel::HRX;
+
+// Allocation failures on demand, for this program only: while armed on a
+// thread, the n-th allocation of that thread fails, and with "persistent"
+// every one after it too.
+namespace {
+thread_local long t_nAllocationsBeforeFailure = -1;
+thread_local bool t_bAllocationFailed = false;
+thread_local bool t_bPersistent = false;
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (t_nAllocationsBeforeFailure >= 0 &&
+      ((t_bPersistent && t_bAllocationFailed) || t_nAllocationsBeforeFailure-- == 0)) {
+    t_bAllocationFailed = true;
+    throw std::bad_alloc();
+  }
+  if (void* memory = ::HeapAlloc(::GetProcessHeap(), 0, size != 0 ? size : 1)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  if (memory != nullptr) ::HeapFree(::GetProcessHeap(), 0, memory);
+}
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
 
 namespace {
 
@@ -134,16 +158,6 @@ TEST(Hrx, CarriesCodeDescriptionAndTheRaisingFunction) {
   EXPECT_EQ(Caught(Kestrel::ThrowLastError).Code(), E_FAIL);
 }
 
-TEST(Hrx, PublishedErrorIsReadBackOnlyForItsOwnCode) {
-  EXPECT_EQ(HRX(E_ACCESSDENIED, errData(E_ACCESSDENIED, L"Cannot open", L"Reader")).Publish(), E_ACCESSDENIED);
-  const HRX carried(E_ACCESSDENIED);
-  EXPECT_EQ(carried.Description(), L"Cannot open");
-  EXPECT_EQ(carried.Data().GetContext().rfind(L"Reader;0x", 0), 0u);
-
-  HRX(E_POINTER, errData(E_POINTER, L"Null")).Publish();
-  EXPECT_EQ(HRX(E_FAIL).Description(), Kestrel::DescribeHResult(E_FAIL));
-}
-
 errData Parse(const wchar_t* text) {
   ICreateErrorInfo* creator = nullptr;
   IErrorInfo* info = nullptr;
@@ -158,7 +172,16 @@ errData Parse(const wchar_t* text) {
   return data;
 }
 
-TEST(Hrx, ParsesTextInAndOutOfTheErrorForm) {
+// A published error is split back into its parts, and taken over by an HRX
+// of its own code only; other text stays whole.
+TEST(Hrx, PublishedTextIsReadBackIntoItsPartsForItsOwnCode) {
+  EXPECT_EQ(HRX(E_ACCESSDENIED, errData(E_ACCESSDENIED, L"Cannot open", L"Reader")).Publish(), E_ACCESSDENIED);
+  const HRX carried(E_ACCESSDENIED);
+  EXPECT_EQ(carried.Description(), L"Cannot open");
+  EXPECT_EQ(carried.Data().GetContext().rfind(L"Reader;0x", 0), 0u);
+  HRX(E_POINTER, errData(E_POINTER, L"Null")).Publish();
+  EXPECT_EQ(HRX(E_FAIL).Description(), Kestrel::DescribeHResult(E_FAIL));
+
   const errData plain = Parse(L"plain words [not a context]");
   EXPECT_EQ(plain.GetCode(), E_FAIL);
   EXPECT_EQ(plain.GetDescription(), L"plain words [not a context]");
@@ -181,11 +204,20 @@ std::wstring Published() {
   return result;
 }
 
-TEST(Boundary, ReturnsTheCodeAndPublishesOnlyForHrx) {
+TEST(Boundary, ReturnsTheCodeAndPublishesEveryFailure) {
   const Kestrel::BoundaryInfo info{L"CTest::Configure", L"TestComponent", 42};
   EXPECT_EQ(Kestrel::RunAtBoundary(info, [] { Kestrel::ThrowHr(Kestrel::kHrNotFound); }), Kestrel::kHrNotFound);
   EXPECT_EQ(Published().rfind(L"0x80070490 ", 0), 0u);
-  EXPECT_THROW(Kestrel::RunAtBoundary(info, [] { throw std::runtime_error("other"); }), std::runtime_error);
+  // No other exception reaches the host either; each is logged as a failure.
+  const TestSupport::LogCapture log;
+  EXPECT_EQ(Kestrel::RunAtBoundary(info, [] { throw std::bad_alloc(); }), E_OUTOFMEMORY);
+  EXPECT_EQ(Published().rfind(L"0x8007000E ", 0), 0u);
+  EXPECT_EQ(Kestrel::RunAtBoundary(info, [] { throw std::runtime_error("other"); }), E_FAIL);
+  EXPECT_EQ(Published().rfind(L"0x80004005 ", 0), 0u);
+  EXPECT_EQ(Kestrel::RunAtBoundary(info, [] { throw 7; }), E_FAIL);
+  EXPECT_NE(log.LineWith(L"CTest::Configure failed: 0x8007000E "), L"");
+  EXPECT_NE(log.LineWith(L"CTest::Configure failed: 0x80004005 "), L"");
+  EXPECT_NE(log.Text().find(L" [other]\r\n"), std::wstring::npos) << log.Text();
 
   // Left on the thread by an earlier call, a text is not taken over; one that
   // crossed a component boundary inside this call is.
@@ -201,23 +233,109 @@ TEST(Boundary, ReturnsTheCodeAndPublishesOnlyForHrx) {
   EXPECT_EQ(Published().rfind(L"0x80070057 Inner component [", 0), 0u);
 }
 
-// Keeps the lines the logger writes while it lives.
-struct LineCapture final : VHLogger::Detail::ILogWriter {
-  LineCapture() { VHLogger::AddLogWriter(this); }
-  ~LineCapture() override { VHLogger::RemoveLogWriter(this); }
-  void Write(const wchar_t* text, std::size_t length) noexcept override {
-    const std::lock_guard<std::mutex> lock(mutex);
-    lines.emplace_back(text, length);
-  }
-  std::mutex mutex;
-  std::vector<std::wstring> lines;
-};
-
 template <typename I>
 I* Create(const GUID& clsid) {
   void* out = nullptr;
   EXPECT_EQ(GetComponentsModule().CreateComponent(&clsid, &I::IID, &out), S_OK);
   return static_cast<I*>(out);
+}
+
+// Runs `call` with its n-th allocation failing, for n = 0, 1, ... until a run
+// meets no failure, once with memory coming back after the failure and once
+// without; each result must be S_OK or E_OUTOFMEMORY, and `after` runs after
+// every run. Returns how many runs returned E_OUTOFMEMORY.
+template <typename Call, typename After>
+int WithEachAllocationFailing(Call call, After after) {
+  int outOfMemory = 0;
+  for (const bool bPersistent : {false, true}) {
+    t_bPersistent = bPersistent;
+    for (long n = 0;; ++n) {
+      t_bAllocationFailed = false;
+      t_nAllocationsBeforeFailure = n;
+      const HRESULT hr = call();
+      t_nAllocationsBeforeFailure = -1;
+      const bool bFailed = t_bAllocationFailed;
+      after(hr);
+      if (!bFailed) {
+        EXPECT_EQ(hr, S_OK) << "no failure at all";
+        break;
+      }
+      EXPECT_TRUE(hr == S_OK || hr == E_OUTOFMEMORY) << "allocation " << n << ": " << std::hex << hr;
+      outOfMemory += hr == E_OUTOFMEMORY;
+    }
+  }
+  return outOfMemory;
+}
+
+std::uint64_t LiveNodes() {
+  std::uint64_t count = 0;
+  EXPECT_EQ(::VhnGetLiveNodeCount(&count), S_OK);
+  return count;
+}
+
+// Configure stops the old worker through StopWorkerThread, whose trace sits
+// within its own. Then any allocation of a Configure or a request may fail:
+// the call returns E_OUTOFMEMORY (or succeeds without a line it could not
+// log), leaves no node behind, and the next call works.
+TEST(Boundary, AFailedAllocationAnywhereIsOutOfMemoryAndTheNextCallWorks) {
+  NodePtr interval, request;
+  const std::int64_t seconds = 3600;
+  interval.SetAttribute(L"RefreshIntervalSeconds", VHN_TYPE_INT64, &seconds, sizeof(seconds));
+  request.SetName(L"ListProcesses");
+  auto* dog = Create<IVHConfigurable>(WatchDog64::CLSID_WatchDog);
+  auto* manager = Create<IVHRequestProcessor>(WatchDog64::CLSID_ProcessManager);
+  ASSERT_TRUE(dog && manager);
+  {
+    const TestSupport::LogCapture capture;
+    ASSERT_EQ(dog->Configure(interval.Get()), S_OK);
+    std::vector<std::wstring> messages = capture.Lines(true);
+    const std::wregex duration(L"\\[[0-9]+ms\\]$");
+    for (std::wstring& message : messages) message = std::regex_replace(message, duration, L"[ms]");
+    EXPECT_EQ(messages, (std::vector<std::wstring>{L"Entering: CWatchDogComponent::Configure",
+                                                   L"  Entering: Kestrel::CWatchDogConfiguration::StopWorkerThread",
+                                                   L"  Exiting: Kestrel::CWatchDogConfiguration::StopWorkerThread [ms]",
+                                                   L"Exiting: CWatchDogComponent::Configure [ms]"}));
+  }
+  EXPECT_GT(WithEachAllocationFailing([&] { return dog->Configure(interval.Get()); },
+                                      [&](HRESULT) { EXPECT_EQ(dog->Configure(interval.Get()), S_OK); }),
+            0);
+  const std::uint64_t nodes = LiveNodes();
+  HVHNODE response = nullptr;
+  EXPECT_GT(WithEachAllocationFailing([&] { return manager->ProcessRequest(request.Get(), &response); },
+                                      [&](HRESULT hr) {
+                                        EXPECT_EQ(response != nullptr, hr == S_OK);
+                                        NodePtr(std::exchange(response, nullptr));
+                                        EXPECT_EQ(LiveNodes(), nodes) << "a failed request left nodes behind";
+                                      }),
+            0);
+
+  // A registration that fails gives the registry's lock back: another thread
+  // creates a component at once. Creation itself reports what it lacks.
+  const GUID unregistered = WatchDog64::MakeGuid(0xC0FFEE01, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10);
+  t_bPersistent = false;
+  t_nAllocationsBeforeFailure = 0;
+  EXPECT_THROW(RegisterComponentClass(unregistered, &CComponentObject<CTestComponent>::Create), std::bad_alloc);
+  struct Created {
+    std::atomic<HRESULT> hr{E_PENDING};
+    IVHShutdownable* stop = nullptr;
+  };
+  const auto created = std::make_shared<Created>();
+  t_nAllocationsBeforeFailure = 0;
+  EXPECT_EQ(GetComponentsModule().CreateComponent(&WatchDog64::CLSID_WatchDog, &IVHShutdownable::IID,
+                                                  reinterpret_cast<void**>(&created->stop)),
+            E_OUTOFMEMORY);
+  t_nAllocationsBeforeFailure = -1;
+  // Detached, so a registry left locked fails the test instead of hanging it.
+  std::thread([created] {
+    created->hr = GetComponentsModule().CreateComponent(&WatchDog64::CLSID_WatchDog, &IVHShutdownable::IID,
+                                                        reinterpret_cast<void**>(&created->stop));
+  }).detach();
+  for (int waited = 0; created->hr == E_PENDING && waited < 60000; waited += 10) ::Sleep(10);
+  ASSERT_EQ(created->hr, S_OK);
+  created->stop->Shutdown();  // the worker Configure left
+  created->stop->Release();
+  manager->Release();
+  dog->Release();
 }
 
 TEST(Boundary, RepeatedFailuresStayShortAndOwnTheirTextsOneLineEach) {
@@ -238,7 +356,7 @@ TEST(Boundary, RepeatedFailuresStayShortAndOwnTheirTextsOneLineEach) {
   std::size_t lineCount = 0, forged = 0, unterminated = 0;
   std::wstring traceLine, failureLine, nameLine;
   {
-    LineCapture capture;
+    const TestSupport::LogCapture capture;
     // 2,000 failing calls with the same code; the host never reads the
     // error information in between.
     for (int i = 0; i < 1000; ++i) {
@@ -248,18 +366,16 @@ TEST(Boundary, RepeatedFailuresStayShortAndOwnTheirTextsOneLineEach) {
     }
     lastDescription = Published();
     ASSERT_NE(lastDescription, L"<none>");
-    const std::lock_guard<std::mutex> lock(capture.mutex);
-    lineCount = capture.lines.size();
-    for (const std::wstring& line : capture.lines) {
+    const std::vector<std::wstring> lines = capture.Lines();
+    lineCount = lines.size();
+    for (const std::wstring& line : lines) {
       if (line.compare(24, 8, L"| CRIT |") == 0) ++forged;  // a line of its own tagged CRIT
       if (line.find(L" failed: ") != std::wstring::npos) lastLine = line;
       if (line.size() < 2 || line.find(L"\r\n") != line.size() - 2) ++unterminated;
-      if (traceLine.empty() && line.find(L"Entering: CProcessManager::ProcessRequest") != std::wstring::npos)
-        traceLine = line;
-      if (failureLine.empty() && line.find(L"CProcessManager::ProcessRequest failed: ") != std::wstring::npos)
-        failureLine = line;
-      if (nameLine.empty() && line.find(L"Invalid request name: ") != std::wstring::npos) nameLine = line;
     }
+    traceLine = capture.LineWith(L"Entering: CProcessManager::ProcessRequest");
+    failureLine = capture.LineWith(L"CProcessManager::ProcessRequest failed: ");
+    nameLine = capture.LineWith(L"Invalid request name: ");
   }
   watcher->Release();
   manager->Release();

@@ -83,6 +83,13 @@ TEST(PlainFile, OnlyPlainFilesWithOneNameDirectlyInsideTheFolderAreTaken) {
       OpenPlainFile(folder, L"soft.log", FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS);
   EXPECT_FALSE(created);
   EXPECT_STREQ(Kestrel::RefusalText(EntryRefusal::kLink), L"a link, not a plain file of the folder");
+  // Nor is a dangling link's target ever made.
+  WriteText(scratch.root / "outside" / "absent.txt", "");
+  TestSupport::MakeLink(scratch.Outside() + L"\\absent.txt", scratch.Logs() + L"\\dangling.log");
+  fs::remove(scratch.root / "outside" / "absent.txt");
+  EXPECT_FALSE(OpenPlainFile(folder, L"dangling.log", FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS));
+  EXPECT_FALSE(fs::exists(scratch.root / "outside" / "absent.txt"));
+  EXPECT_TRUE(OpenPlainFile(folder, L"new.log", FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS));
   EXPECT_EQ(ReadText(scratch.root / "outside" / "victim.txt"), "victim");
   EXPECT_EQ(ReadText(scratch.root / "outside" / "second.txt"), "second");
 }

@@ -16,12 +16,12 @@
 #include "DiskManagerComponent.h"
 #include "ErrorHandling.h"
 #include "Handle.h"
+#include "LogCapture.h"
 #include "ModulePath.h"
 #include "Path.h"
 #include "ProcessEnumerator.h"
+#include "Processes.h"
 #include "components/ComponentInterfaces.h"
-#include "logger/Logger.h"
-#include "logger/detail/LogInterfaces.h"
 
 namespace {
 
@@ -131,54 +131,42 @@ std::set<DWORD> SystemProcessIds() {
   std::vector<DWORD> ids(4096);
   DWORD returned = 0;
   EXPECT_TRUE(::K32EnumProcesses(ids.data(), static_cast<DWORD>(ids.size() * sizeof(DWORD)), &returned));
-  return {ids.begin(), ids.begin() + returned / sizeof(DWORD)};
+  ids.resize(returned / sizeof(DWORD));
+  return {ids.begin(), ids.end()};
 }
 
-// Children running test_helper.exe "sleep", killed when the set goes.
-struct SleepingProcesses {
-  explicit SleepingProcesses(unsigned count) {
-    for (unsigned index = 0; index < count; ++index) {
-      std::wstring commandLine = L"\"" + image + L"\" sleep 60000";
-      STARTUPINFOW startup{};
-      startup.cb = sizeof(startup);
-      PROCESS_INFORMATION info{};
-      // Detached: no console host each; a busy Wine server refuses some starts.
-      bool started = false;
-      for (int attempt = 0; attempt < 5 && !started; ++attempt) {
-        started = ::CreateProcessW(image.c_str(), commandLine.data(), nullptr, nullptr, FALSE, DETACHED_PROCESS,
-                                   nullptr, nullptr, &startup, &info) != FALSE;
-        if (!started) ::Sleep(200);
-      }
-      if (!started) { ADD_FAILURE() << "CreateProcessW failed: " << ::GetLastError(); continue; }
-      ::CloseHandle(info.hThread);
-      processes.emplace_back(info.hProcess);
-      ids.insert(info.dwProcessId);
-    }
+// The calls of a listing, recorded: the id buffer sizes and the access asked
+// for. Fake ids, when given, are served cut to the buffer; an id can be made
+// to refuse its open or its image query with an error. Everything else goes
+// to the system.
+struct ProcessCalls {
+  explicit ProcessCalls(std::vector<DWORD> ids = {}) {
+    fakeIds = std::move(ids);
+    requestedBytes.clear(), accesses.clear(), openErrors.clear(), queryErrors.clear();
   }
-  ~SleepingProcesses() {
-    for (Handle& process : processes) ::TerminateProcess(process.Get(), 0);
-    for (Handle& process : processes) ::WaitForSingleObject(process.Get(), 5000);
+  static BOOL WINAPI Enumerate(DWORD* ids, DWORD bytes, DWORD* returned) {
+    requestedBytes.push_back(bytes);
+    if (fakeIds.empty()) return ::K32EnumProcesses(ids, bytes, returned);
+    const std::size_t count = std::min<std::size_t>(fakeIds.size(), bytes / sizeof(DWORD));
+    std::copy_n(fakeIds.begin(), count, ids);
+    *returned = static_cast<DWORD>(count * sizeof(DWORD));
+    return TRUE;
   }
-  const std::wstring image = Kestrel::ModuleDirectory() + L"test_helper.exe";
-  std::vector<Handle> processes;
-  std::set<DWORD> ids;
-};
-
-// Records the buffer sizes asked with; serves the fake ids, if any, cut to the buffer.
-std::vector<DWORD> g_requestedBytes;
-std::vector<DWORD> g_fakeIds;
-BOOL WINAPI RecordingEnumProcesses(DWORD* ids, DWORD bytes, DWORD* returned) {
-  g_requestedBytes.push_back(bytes);
-  if (g_fakeIds.empty()) return ::K32EnumProcesses(ids, bytes, returned);
-  const std::size_t count = std::min<std::size_t>(g_fakeIds.size(), bytes / sizeof(DWORD));
-  std::copy_n(g_fakeIds.begin(), count, ids);
-  *returned = static_cast<DWORD>(count * sizeof(DWORD));
-  return TRUE;
-}
-
-struct RecordedEnumeration {
-  explicit RecordedEnumeration(std::vector<DWORD> ids = {}) { g_fakeIds = std::move(ids); g_requestedBytes.clear(); }
-  Kestrel::Detail::ScopedEnumProcessesOverride recording{&RecordingEnumProcesses};
+  static HANDLE WINAPI Open(DWORD access, BOOL inherit, DWORD id) {
+    accesses.insert(access);
+    if (openErrors.count(id)) return ::SetLastError(openErrors[id]), nullptr;
+    return ::OpenProcess(access, inherit, id);
+  }
+  static BOOL WINAPI Query(HANDLE process, DWORD flags, LPWSTR name, PDWORD size) {
+    const DWORD id = ::GetProcessId(process);
+    if (queryErrors.count(id)) return ::SetLastError(queryErrors[id]), FALSE;
+    return ::QueryFullProcessImageNameW(process, flags, name, size);
+  }
+  static inline std::vector<DWORD> fakeIds, requestedBytes;
+  static inline std::set<DWORD> accesses;
+  static inline std::map<DWORD, DWORD> openErrors, queryErrors;
+  static constexpr Kestrel::Detail::ProcessApi kApi = {&Enumerate, &Open, &Query};
+  Kestrel::Detail::CScopedProcessApi installed{kApi};
 };
 
 // A stopped service the test registers and deletes again.
@@ -194,19 +182,6 @@ struct TestService {
   const std::wstring name;
   const SC_HANDLE manager = ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
   const SC_HANDLE service;
-};
-
-struct CapturedLog : VHLogger::Detail::ILogWriter {
-  CapturedLog() { EXPECT_TRUE(VHLogger::AddLogWriter(this)); }
-  ~CapturedLog() override { VHLogger::RemoveLogWriter(this); }
-  void Write(const wchar_t* line, std::size_t length) noexcept override { text.append(line, length); }
-  std::wstring LineWith(const std::wstring& message) {
-    const std::size_t at = text.find(message);
-    if (at == std::wstring::npos) return {};
-    const std::size_t begin = text.rfind(L'\n', at) + 1;  // npos + 1 is the start
-    return text.substr(begin, text.find(L'\n', at) - begin);
-  }
-  std::wstring text;
 };
 
 }  // namespace
@@ -255,16 +230,18 @@ TEST(DiskManager, FreeSpaceAllOrNothingAndEveryOneOfTwentySixDisks) {
   }
 }
 
-TEST(ProcessManager, ListProcessesPastSixtyFourAllOrNothing) {
-  const SleepingProcesses children(66);
+// The listing of the real system, every process opened with limited query
+// access, which protected processes grant. A process that has ended is left
+// out; any other refusal fails the request.
+TEST(ProcessManager, ListProcessesLeavesOutEndedProcessesAndFailsOnRefusals) {
+  const TestSupport::Process child(L"test_helper.exe", L"sleep 60000");
   Component manager(kProcessManager);
   const std::set<DWORD> before = SystemProcessIds();
-  ASSERT_GT(before.size(), 64u);
-  const RecordedEnumeration recording;
+  const ProcessCalls calls;
   const Reply reply = Send(manager, Request(L"ListProcesses"));
   const std::set<DWORD> after = SystemProcessIds();
   ASSERT_EQ(reply.hr, S_OK);
-  EXPECT_EQ(g_requestedBytes, (std::vector<DWORD>{256, 512})) << "the id buffer doubles once it is full";
+  EXPECT_EQ(ProcessCalls::accesses, std::set<DWORD>{PROCESS_QUERY_LIMITED_INFORMATION});
 
   std::set<DWORD> listed;
   for (const NodePtr& node : Children(reply.response)) {
@@ -276,19 +253,42 @@ TEST(ProcessManager, ListProcessesPastSixtyFourAllOrNothing) {
     EXPECT_EQ(node.GetName(), std::to_wstring(id));
     EXPECT_EQ(node.GetType(), L"Process");
     EXPECT_EQ(StoredBytes(node, L"Id"), 4u);
-    EXPECT_TRUE(children.ids.count(id) == 0 ||
-                ::lstrcmpiW(StringAttribute(node, L"ExecutablePath").c_str(), children.image.c_str()) == 0);
+    if (id == child.Pid()) {
+      EXPECT_EQ(::lstrcmpiW(StringAttribute(node, L"ExecutablePath").c_str(),
+                            (Kestrel::ModuleDirectory() + L"test_helper.exe").c_str()),
+                0);
+    }
   }
   for (const DWORD id : before) EXPECT_TRUE(!after.count(id) || !(id & 0xFFFFFFFBu) || listed.count(id)) << id;
-  for (const DWORD id : children.ids) EXPECT_EQ(listed.count(id), 1u) << id;
+  EXPECT_EQ(listed.count(child.Pid()), 1u);
 
-  // An id whose process is gone by the time it is opened fails the request.
+  // What the system cannot be made to do on demand: more than 64 and 128
+  // ids, a process that ends between the listing and its open or its query.
+  TestSupport::Process ended(L"test_helper.exe", L"sleep 60000");
+  ended.Kill();  // its handle is held, so its id still opens
   const DWORD self = ::GetCurrentProcessId(), vanished = 0x7FFFFFFC;
-  ASSERT_EQ(::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, vanished), nullptr);
-  const HRESULT expected = Kestrel::HResultFromWin32(::GetLastError());
-  const RecordedEnumeration fake(std::vector<DWORD>{self, vanished, self});
+  std::vector<DWORD> ids(130, self);
+  ids[3] = 0, ids[4] = 4, ids[50] = vanished, ids[129] = ended.Pid();
+  {
+    const ProcessCalls calls(ids);
+    ProcessCalls::queryErrors[ended.Pid()] = ERROR_GEN_FAILURE;  // as Windows answers for an ended process
+    const Reply faked = Send(manager, Request(L"ListProcesses"));
+    ASSERT_EQ(faked.hr, S_OK);
+    EXPECT_EQ(ProcessCalls::requestedBytes, (std::vector<DWORD>{256, 512, 1024})) << "the id buffer doubles while full";
+    EXPECT_EQ(ProcessCalls::accesses, std::set<DWORD>{PROCESS_QUERY_LIMITED_INFORMATION});
+    const std::vector<NodePtr> nodes = Children(faked.response);
+    EXPECT_EQ(nodes.size(), 126u);
+    for (const NodePtr& node : nodes) EXPECT_EQ(node.GetName(), std::to_wstring(self));
+  }
+
+  // Any other refusal, of the open or of a query of a running process, fails
+  // the request with its code and leaves no node behind.
   const std::uint64_t nodesBefore = LiveNodes();
-  ExpectRefused(manager, Request(L"ListProcesses"), expected);
+  for (const bool bAtOpen : {true, false}) {
+    const ProcessCalls calls({self, ended.Pid(), self});
+    (bAtOpen ? ProcessCalls::openErrors : ProcessCalls::queryErrors)[self] = ERROR_ACCESS_DENIED;
+    ExpectRefused(manager, Request(L"ListProcesses"), E_ACCESSDENIED);
+  }
   EXPECT_EQ(LiveNodes(), nodesBefore) << "the partial answer was not released";
 }
 
@@ -348,7 +348,7 @@ TEST(ProcessManager, ServicesAsTheServiceManagerHasThem) {
 }
 
 TEST(Managers, RequestNamesAreExactAndNullArgumentsRefused) {
-  CapturedLog log;
+  const TestSupport::LogCapture log;
   const std::pair<const GUID*, std::vector<const wchar_t*>> managers[] = {
       {&kProcessManager, {L"ListProcesses", L"listprocesses", L"ListProcessesX", L"ListProcesse", L"LISTSERVICES",
                           L"startServices", L"Restartservices", L""}},

@@ -17,15 +17,16 @@
 
 namespace TestSupport {
 
-// A program beside the tests, its output sent nowhere; killed on
-// destruction while it still runs.
+// A program beside the tests, its output sent to a file (by default
+// nowhere); killed on destruction while it still runs.
 class Process {
  public:
-  Process(const std::wstring& program, const std::wstring& arguments) {
+  Process(const std::wstring& program, const std::wstring& arguments, const std::wstring& output = L"NUL") {
     const std::wstring path = Kestrel::DirectoryOf(Kestrel::ExecutableFilePath()) + program;
     std::wstring command = L"\"" + path + L"\" " + arguments;
     SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
-    Handle nul(::CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, OPEN_EXISTING, 0, 0));
+    Handle nul(::CreateFileW(output.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                             CREATE_ALWAYS, 0, 0));
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     startup.dwFlags = STARTF_USESTDHANDLES;

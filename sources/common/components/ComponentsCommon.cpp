@@ -36,18 +36,6 @@ void RegisterComponentClass(const GUID& clsid, ComponentCreator creator) {
   GetComponentsModule().RegisterComponentClass(clsid, std::move(creator));
 }
 
-CComponentsModule::CComponentsModule() : m_pRegistry(new std::map<GUID, ComponentCreator, GuidLess>()) {
-  if (!::InitializeCriticalSectionAndSpinCount(&m_csRegistry, 0)) {
-    delete m_pRegistry;
-    Kestrel::ThrowLastError();
-  }
-}
-
-CComponentsModule::~CComponentsModule() {
-  delete m_pRegistry;
-  ::DeleteCriticalSection(&m_csRegistry);
-}
-
 long CComponentsModule::Unlock() {
   // A debug check only: the count goes down whatever it was.
   WD64_ASSERT_AT(m_aModuleLocks.load() > 0, Kestrel::Detail::kComponentsSource, 451);
@@ -61,20 +49,27 @@ HRESULT CComponentsModule::IsLocked(int* locked) {
 }
 
 HRESULT CComponentsModule::CreateComponent(const GUID* clsid, const GUID* iid, void** ppv) {
-  ComponentCreator creator;
-  ::EnterCriticalSection(&m_csRegistry);
-  auto found = m_pRegistry->find(*clsid);
-  if (found != m_pRegistry->end()) creator = found->second;
-  ::LeaveCriticalSection(&m_csRegistry);
-  if (!creator) return REGDB_E_CLASSNOTREG;
-  // Built outside the lock: construction takes a module lock of its own.
-  return creator(iid, ppv);
+  // The host's frames must never see an exception.
+  try {
+    ComponentCreator creator;
+    {
+      GlobalSettings::Detail::CCriticalSection::Lock lock(m_csRegistry);
+      const auto found = m_registry.find(*clsid);
+      if (found != m_registry.end()) creator = found->second;
+    }
+    if (!creator) return REGDB_E_CLASSNOTREG;
+    // Built outside the lock: construction takes a module lock of its own.
+    return creator(iid, ppv);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  } catch (...) {
+    return E_FAIL;
+  }
 }
 
 void CComponentsModule::RegisterComponentClass(const GUID& clsid, ComponentCreator creator) {
-  ::EnterCriticalSection(&m_csRegistry);
-  (*m_pRegistry)[clsid] = std::move(creator);
-  ::LeaveCriticalSection(&m_csRegistry);
+  GlobalSettings::Detail::CCriticalSection::Lock lock(m_csRegistry);
+  m_registry[clsid] = std::move(creator);
 }
 
 extern "C" __declspec(dllexport) HRESULT GetComponentsModuleObject(void** ppv) {

@@ -13,6 +13,7 @@
 
 #include "Assert.h"
 #include "components/ComponentInterfaces.h"
+#include "settings/CriticalSection.h"
 
 namespace Kestrel::Detail {
 constexpr wchar_t kComponentsSource[] = L"ComponentsCommon";
@@ -67,6 +68,7 @@ class CComponentClass : public QIImplementation<T, Interfaces...>, public Interf
  public:
   std::uint32_t AddRef() override {
     const long nRefs = ++this->Base::nRefs;
+    // cppcheck-suppress incorrectStringBooleanError ; the text is the assertion's message
     WD64_ASSERT_AT(nRefs > 1 && "Invalid reference counting (AddRef after deletion?)",
                    Kestrel::Detail::kComponentsSource, 233);
     return static_cast<std::uint32_t>(nRefs);
@@ -74,6 +76,7 @@ class CComponentClass : public QIImplementation<T, Interfaces...>, public Interf
 
   std::uint32_t Release() override {
     const long nRefs = --this->Base::nRefs;
+    // cppcheck-suppress incorrectStringBooleanError ; the text is the assertion's message
     WD64_ASSERT_AT(nRefs >= 0 && "Invalid reference counting (extra Release?)", Kestrel::Detail::kComponentsSource,
                    242);
     if (nRefs != 0) return static_cast<std::uint32_t>(nRefs);
@@ -104,8 +107,8 @@ class CComponentClassSingleton : public QIImplementation<T, Interfaces...>, publ
 
 class CComponentsModule : public CComponentClassSingleton<CComponentsModule, IComponentsModule> {
  public:
-  CComponentsModule();
-  ~CComponentsModule() override;
+  CComponentsModule() = default;
+  ~CComponentsModule() override = default;
 
   HRESULT Initialize() override { return S_OK; }
   HRESULT Uninitialize() override { return S_OK; }
@@ -114,7 +117,8 @@ class CComponentsModule : public CComponentClassSingleton<CComponentsModule, ICo
   HRESULT IsLocked(int* locked) override;
   HRESULT CreateComponent(const GUID* clsid, const GUID* iid, void** ppv) override;
 
-  // Later registrations of a class id replace earlier ones.
+  // Later registrations of a class id replace earlier ones. Raises when
+  // memory runs out; the registry stays as it was.
   void RegisterComponentClass(const GUID& clsid, ComponentCreator creator);
 
  private:
@@ -123,8 +127,10 @@ class CComponentsModule : public CComponentClassSingleton<CComponentsModule, ICo
   };
 
   std::atomic<long> m_aModuleLocks{0};
-  CRITICAL_SECTION m_csRegistry;
-  std::map<GUID, ComponentCreator, GuidLess>* m_pRegistry;
+  // Held through its scoped owner only: a copy or an insert under it may
+  // throw, and the lock must go with the exception.
+  GlobalSettings::Detail::CCriticalSection m_csRegistry;
+  std::map<GUID, ComponentCreator, GuidLess> m_registry;
 };
 
 // The process-wide module object, created on first use.

@@ -7,6 +7,7 @@
 #include "ModulePath.h"
 #include "detail/DebugOutput.h"
 #include "detail/LoggerCore.h"
+#include "platform/FileTrust.h"
 #include "settings/TickCount.h"
 
 namespace VHLogger {
@@ -54,23 +55,6 @@ bool IsRelativePath(const std::wstring& path) noexcept {
 namespace Detail {
 
 unsigned& ThreadScopeDepth() noexcept { return t_nScopeDepth; }
-
-void CreateDirectoryPath(const std::wstring& path) noexcept {
-  try {
-    auto ensure = [](const std::wstring& directory) {
-      if (::GetFileAttributesW(directory.c_str()) != INVALID_FILE_ATTRIBUTES) return;
-      const DWORD error = ::GetLastError();
-      if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
-        ::CreateDirectoryW(directory.c_str(), nullptr);
-    };
-    for (std::size_t i = 1; i < path.size(); ++i) {
-      if (path[i] == L'\\' || path[i] == L'/') ensure(path.substr(0, i));
-    }
-    ensure(path);
-  } catch (...) {
-    // The open that follows reports what is missing.
-  }
-}
 
 void WriteStream(unsigned severity, const CLoggerStream& stream, const wchar_t* source, unsigned line) noexcept {
   try {
@@ -155,6 +139,7 @@ bool CLogger::AddLogWriter(Detail::ILogWriter* pLogWriter) noexcept {
     Detail::ILogWriter* expected = nullptr;
     if (slot.compare_exchange_strong(expected, pLogWriter)) return true;
   }
+  // cppcheck-suppress incorrectStringBooleanError ; the text is the assertion's message
   WD64_ASSERT_AT(!pLogWriter && "Too many loggers", L"LogManager", 152);
   Detail::DebugOutput(L"LogManager: Too many loggers");
   return false;
@@ -199,17 +184,43 @@ std::wstring CLogger::ComputeLogDirectory() {
   return directory;
 }
 
-std::wstring CLogger::GetLogDirectory() {
+std::wstring CLogger::GetLogDirectory(bool* pbUsable) {
   CCriticalSection::Lock lock(m_config.cs);
   if (m_config.bRefreshed.load() || m_config.sLogDirectory.empty()) {
     std::wstring directory = ComputeLogDirectory();
-    if (directory != m_config.sLogDirectory) {
-      m_config.sLogDirectory = directory;
-      Detail::CreateDirectoryPath(directory);
+    const bool bChanged = directory != m_config.sLogDirectory;
+    // A refused folder is looked at again at each refresh: an administrator
+    // may have put it right meanwhile.
+    if (bChanged || m_config.bDirectoryRefused) {
+      m_config.sLogDirectory = std::move(directory);
+      PrepareLogDirectory(bChanged);
     }
     m_config.bRefreshed.store(false);
   }
+  if (pbUsable != nullptr) *pbUsable = !m_config.bDirectoryRefused;
   return m_config.sLogDirectory;
+}
+
+void CLogger::PrepareLogDirectory(bool bChanged) noexcept {
+  // The module runs as SYSTEM: a folder that others may write to, or that
+  // someone else owns, would let them plant a link at the log's name.
+  const bool bReported = m_config.bDirectoryRefused && !bChanged;
+  std::wstring reason;
+  try {
+    Kestrel::CreateAdministratorsFolder(m_config.sLogDirectory);
+    m_config.bDirectoryRefused = false;
+    return;
+  } catch (const Kestrel::HRX& error) {
+    try {
+      reason = error.Text();
+    } catch (...) {
+    }
+  } catch (...) {
+  }
+  m_config.bDirectoryRefused = true;
+  if (!bReported) {
+    Detail::DebugOutput(L"LogManager: log folder '%ls' refused: %ls", m_config.sLogDirectory.c_str(), reason.c_str());
+  }
 }
 
 // Free functions ------------------------------------------------------------

@@ -48,19 +48,6 @@ bool HasName(const CFolder& folder, const std::wstring& name, std::wstring_view 
   return EqualNoCase(finalName, longName.substr(longName.find_last_of(L'\\') + 1));
 }
 
-EntryRefusal Examine(const CFolder& folder, const std::wstring& name, HANDLE file) {
-  BY_HANDLE_FILE_INFORMATION info{};
-  ThrowLastErrorIf(!::GetFileInformationByHandle(file, &info));
-  if (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) return EntryRefusal::kLink;
-  if (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) return EntryRefusal::kFolder;
-  if (info.nNumberOfLinks != 1) return EntryRefusal::kSeveralNames;
-  const std::wstring finalPath = FinalPathOf(file);
-  if (!IsDirectlyInside(folder.FinalPath(), finalPath) || !HasName(folder, name, finalPath)) {
-    return EntryRefusal::kOutside;
-  }
-  return EntryRefusal::kNone;
-}
-
 bool SetReadOnly(HANDLE file, bool bReadOnly, bool& bWas) noexcept {
   FILE_BASIC_INFO basic{};
   if (!::GetFileInformationByHandleEx(file, FileBasicInfo, &basic, sizeof(basic))) return false;
@@ -154,6 +141,19 @@ bool CFolder::IsWhereNamed() const {
   return EqualNoCase(expected + path.substr(separator), m_sFinalPath);
 }
 
+EntryRefusal ExamineEntry(const CFolder& folder, const std::wstring& name, HANDLE file) {
+  BY_HANDLE_FILE_INFORMATION info{};
+  ThrowLastErrorIf(!::GetFileInformationByHandle(file, &info));
+  if (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) return EntryRefusal::kLink;
+  if (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) return EntryRefusal::kFolder;
+  if (info.nNumberOfLinks != 1) return EntryRefusal::kSeveralNames;
+  const std::wstring finalPath = FinalPathOf(file);
+  if (!IsDirectlyInside(folder.FinalPath(), finalPath) || !HasName(folder, name, finalPath)) {
+    return EntryRefusal::kOutside;
+  }
+  return EntryRefusal::kNone;
+}
+
 std::wstring PlainFile::Reason() const {
   if (refusal != EntryRefusal::kNone) return RefusalText(refusal);
   return DescribeHResult(HResultFromWin32(error));
@@ -162,14 +162,29 @@ std::wstring PlainFile::Reason() const {
 PlainFile OpenPlainFile(const CFolder& folder, const std::wstring& name, DWORD access, DWORD share,
                         DWORD disposition, DWORD flagsAndAttributes) {
   PlainFile result;
-  result.file.Reset(::CreateFileW(folder.Join(name).c_str(), access | FILE_READ_ATTRIBUTES, share, nullptr,
-                                  disposition, flagsAndAttributes | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-  if (!result.file) {
-    result.error = ::GetLastError();
-    return result;
+  const std::wstring path = folder.Join(name);
+  auto open = [&](DWORD how) {
+    result.file.Reset(::CreateFileW(path.c_str(), access | FILE_READ_ATTRIBUTES, share, nullptr, how,
+                                    flagsAndAttributes | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    result.error = result.file ? ERROR_SUCCESS : ::GetLastError();
+  };
+  if (disposition != OPEN_ALWAYS) {
+    open(disposition);
+  } else {
+    // Opened or made new, never made through a name that leads elsewhere:
+    // some systems create a dangling link's target for OPEN_ALWAYS, while a
+    // new file is never made where a link stands. A file that comes and goes
+    // meanwhile gets a few more tries.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      open(OPEN_EXISTING);
+      if (result.error != ERROR_FILE_NOT_FOUND) break;
+      open(CREATE_NEW);
+      if (result.error != ERROR_FILE_EXISTS && result.error != ERROR_ALREADY_EXISTS) break;
+    }
   }
+  if (!result.file) return result;
   try {
-    result.refusal = Examine(folder, name, result.file.Get());
+    result.refusal = ExamineEntry(folder, name, result.file.Get());
   } catch (const HRX& error) {
     result.file.Reset();
     result.error = static_cast<DWORD>(HRESULT_CODE(error.Code()));

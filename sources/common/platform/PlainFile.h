@@ -76,6 +76,13 @@ struct PlainFile {
   std::wstring Reason() const;
 };
 
+// Why an open handle, opened by `name`, is not a plain file of the folder
+// with one name, or
+// kNone when it is. For handles opened some other way than OpenPlainFile
+// (with FILE_FLAG_OPEN_REPARSE_POINT and FILE_READ_ATTRIBUTES); raises HRX
+// when the handle cannot be examined.
+EntryRefusal ExamineEntry(const CFolder& folder, const std::wstring& name, HANDLE file);
+
 // Opens `name` inside the folder without following a link at its place, and
 // keeps the handle only when it holds a plain file of the folder with one
 // name. `disposition` may create the file (OPEN_ALWAYS, CREATE_NEW). The

@@ -17,41 +17,75 @@ namespace {
 constexpr wchar_t kSource[] = L"ProcessEnumerator";
 constexpr DWORD kInitialIdCount = 64;
 
-std::atomic<Detail::EnumProcessesFn> g_enumProcesses{&::K32EnumProcesses};
+const Detail::ProcessApi kSystemApi = {&::K32EnumProcesses, &::OpenProcess, &::QueryFullProcessImageNameW};
+std::atomic<const Detail::ProcessApi*> g_pApi{&kSystemApi};
 
-Handle OpenForQuery(DWORD processId) {
-  Handle process(::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, processId));
-  if (!process) ThrowLastError();
+[[noreturn]] void Raise(DWORD error) {
+  if (error == ERROR_SUCCESS) ThrowHr(E_FAIL);
+  ThrowWin32(error);
+}
+
+// Limited query access is all the two queries need, and it is granted for
+// protected processes (the session manager, csrss, anti-malware services),
+// which refuse full query access even to LocalSystem.
+// Empty when the id no longer names a process: it ended after the listing.
+// Any other refusal raises.
+Handle OpenForQuery(const Detail::ProcessApi& api, DWORD processId) {
+  Handle process(api.openProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+  if (!process) {
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_INVALID_PARAMETER) Raise(error);
+  }
   return process;
 }
 
-CPath QueryImagePath(DWORD processId) {
-  const Handle process = OpenForQuery(processId);
-  wchar_t path[MAX_PATH];
-  DWORD size = MAX_PATH;
-  if (!::QueryFullProcessImageNameW(process.Get(), 0, path, &size)) ThrowLastError();
-  return CPath(std::wstring(path));
-}
-
-std::uint64_t QueryCreationTime(DWORD processId) {
-  const Handle process = OpenForQuery(processId);
-  FILETIME creation, exit, kernel, user;
-  if (!::GetProcessTimes(process.Get(), &creation, &exit, &kernel, &user)) ThrowLastError();
-  return (static_cast<std::uint64_t>(creation.dwHighDateTime) << 32) | creation.dwLowDateTime;
+// After a failed query: true when the process has ended meanwhile (it is
+// then left out); otherwise the query's error is raised.
+bool EndedOrRaise(HANDLE process, DWORD error) {
+  DWORD exitCode = 0;
+  if (::GetExitCodeProcess(process, &exitCode) && exitCode != STILL_ACTIVE) return true;
+  Raise(error);
 }
 
 }  // namespace
 
-CProcess::CProcess(DWORD processId)
-    : m_nProcessId(processId), m_executablePath(QueryImagePath(processId)), m_nCreationTime(QueryCreationTime(processId)) {}
+CProcess::CProcess(DWORD processId) : m_nProcessId(processId) {
+  std::optional<CProcess> read = ReadIfRunning(processId);
+  // The id names no running process, as OpenProcess says of a vanished one.
+  if (!read) ThrowWin32(ERROR_INVALID_PARAMETER);
+  *this = std::move(*read);
+}
+
+std::optional<CProcess> CProcess::ReadIfRunning(DWORD processId) {
+  const Detail::ProcessApi& api = *g_pApi.load();
+  std::wstring path;
+  {
+    const Handle process = OpenForQuery(api, processId);
+    if (!process) return std::nullopt;
+    wchar_t buffer[MAX_PATH];
+    DWORD size = MAX_PATH;
+    if (!api.queryImageName(process.Get(), 0, buffer, &size)) {
+      if (EndedOrRaise(process.Get(), ::GetLastError())) return std::nullopt;
+    }
+    path = buffer;
+  }
+  const Handle process = OpenForQuery(api, processId);
+  if (!process) return std::nullopt;
+  FILETIME creation, exit, kernel, user;
+  if (!::GetProcessTimes(process.Get(), &creation, &exit, &kernel, &user)) {
+    if (EndedOrRaise(process.Get(), ::GetLastError())) return std::nullopt;
+  }
+  return CProcess(processId, CPath(path),
+                  (static_cast<std::uint64_t>(creation.dwHighDateTime) << 32) | creation.dwLowDateTime);
+}
 
 void ProcessEnumerator::EnumerateProcesses(const ProcessCallback& callback) const {
-  const Detail::EnumProcessesFn enumProcesses = g_enumProcesses.load();
+  const Detail::ProcessApi& api = *g_pApi.load();
   DWORD nAllocated = kInitialIdCount;
   std::vector<DWORD> ids(nAllocated);
   DWORD bytesGiven = nAllocated * sizeof(DWORD);
   DWORD bytesReturned = 0;
-  if (!enumProcesses(ids.data(), bytesGiven, &bytesReturned)) ThrowLastError();
+  if (!api.enumProcesses(ids.data(), bytesGiven, &bytesReturned)) ThrowLastError();
   // A full buffer may have cut the list short, so it grows until one is left
   // partly empty.
   while (bytesReturned == bytesGiven) {
@@ -59,12 +93,15 @@ void ProcessEnumerator::EnumerateProcesses(const ProcessCallback& callback) cons
     nAllocated *= 2;
     ids.resize(nAllocated);
     bytesGiven = nAllocated * sizeof(DWORD);
-    if (!enumProcesses(ids.data(), bytesGiven, &bytesReturned)) ThrowLastError();
+    if (!api.enumProcesses(ids.data(), bytesGiven, &bytesReturned)) ThrowLastError();
   }
   ids.resize(bytesReturned / sizeof(DWORD));
   for (const DWORD id : ids) {
     if ((id & 0xFFFFFFFBu) == 0) continue;  // the idle and system processes
-    if (!callback(CProcess(id))) break;
+    // A process that ended since the listing is no longer running: leaving
+    // it out is the answer a moment later, not a failure.
+    const std::optional<CProcess> process = CProcess::ReadIfRunning(id);
+    if (process && !callback(*process)) break;
   }
 }
 
@@ -82,10 +119,9 @@ NodePtr ProcessToNode(const CProcess& process) {
 
 namespace Detail {
 
-ScopedEnumProcessesOverride::ScopedEnumProcessesOverride(EnumProcessesFn replacement) noexcept
-    : m_previous(g_enumProcesses.exchange(replacement)) {}
+CScopedProcessApi::CScopedProcessApi(const ProcessApi& api) noexcept : m_pPrevious(g_pApi.exchange(&api)) {}
 
-ScopedEnumProcessesOverride::~ScopedEnumProcessesOverride() { g_enumProcesses.store(m_previous); }
+CScopedProcessApi::~CScopedProcessApi() { g_pApi.store(m_pPrevious); }
 
 }  // namespace Detail
 

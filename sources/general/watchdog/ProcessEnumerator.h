@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "DataLayer/NodePtr.h"
 #include "Path.h"
@@ -17,11 +18,18 @@ class CProcess {
  public:
   explicit CProcess(DWORD processId);
 
+  // The same, except that a process which ended before it could be read
+  // gives nothing instead of an error.
+  static std::optional<CProcess> ReadIfRunning(DWORD processId);
+
   DWORD Id() const noexcept { return m_nProcessId; }
   const CPath& ExecutablePath() const noexcept { return m_executablePath; }
   std::uint64_t CreationTime() const noexcept { return m_nCreationTime; }  // FILETIME, UTC
 
  private:
+  CProcess(DWORD processId, CPath executablePath, std::uint64_t creationTime)
+      : m_nProcessId(processId), m_executablePath(std::move(executablePath)), m_nCreationTime(creationTime) {}
+
   DWORD m_nProcessId;
   CPath m_executablePath;
   std::uint64_t m_nCreationTime = 0;
@@ -32,7 +40,8 @@ using ProcessCallback = std::function<bool(const CProcess&)>;
 class ProcessEnumerator {
  public:
   // Calls `callback` once per process in the system's order, except the idle
-  // (0) and system (4) processes, until it returns false.
+  // (0) and system (4) processes and those that ended before they could be
+  // read, until it returns false.
   void EnumerateProcesses(const ProcessCallback& callback) const;
 };
 
@@ -41,19 +50,25 @@ NodePtr ProcessToNode(const CProcess& process);
 
 namespace Detail {
 
-// The process-id call, replaceable so tests can present id lists the real
-// system cannot be made to produce (an exact buffer fill, a vanished id).
-using EnumProcessesFn = BOOL(WINAPI*)(DWORD* ids, DWORD bytes, DWORD* returned);
+// The system calls of a listing, replaceable so tests can present what the
+// real system cannot be made to produce on demand: an exact buffer fill, a
+// process that refuses access, one that ends between the calls.
+struct ProcessApi {
+  BOOL(WINAPI* enumProcesses)(DWORD* ids, DWORD bytes, DWORD* returned);
+  HANDLE(WINAPI* openProcess)(DWORD access, BOOL inherit, DWORD processId);
+  BOOL(WINAPI* queryImageName)(HANDLE process, DWORD flags, LPWSTR name, PDWORD size);
+};
 
-class ScopedEnumProcessesOverride {
+// Installs replacement calls for its lifetime.
+class CScopedProcessApi {
  public:
-  explicit ScopedEnumProcessesOverride(EnumProcessesFn replacement) noexcept;
-  ~ScopedEnumProcessesOverride();
-  ScopedEnumProcessesOverride(const ScopedEnumProcessesOverride&) = delete;
-  ScopedEnumProcessesOverride& operator=(const ScopedEnumProcessesOverride&) = delete;
+  explicit CScopedProcessApi(const ProcessApi& api) noexcept;
+  ~CScopedProcessApi();
+  CScopedProcessApi(const CScopedProcessApi&) = delete;
+  CScopedProcessApi& operator=(const CScopedProcessApi&) = delete;
 
  private:
-  EnumProcessesFn m_previous;
+  const ProcessApi* m_pPrevious;
 };
 
 }  // namespace Detail

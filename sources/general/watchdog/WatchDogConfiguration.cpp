@@ -18,8 +18,10 @@ constexpr DWORD kSleepStepMs = 50;
 // ask for it.
 struct WorkerState {
   // Serialises Configure and StopWorkerThread: hosts call them from any
-  // thread, and two workers must never run at once.
-  std::mutex lock;
+  // thread, and two workers must never run at once. Recursive, because
+  // Configure stops the old worker through StopWorkerThread while it holds
+  // the lock.
+  std::recursive_mutex lock;
   std::atomic<std::uint8_t> running{0};
   // A native thread that holds the module loaded (and locked) while it runs.
   // One still running at unload is left to end on its own: joining under
@@ -32,14 +34,6 @@ struct WorkerState {
 WorkerState& Worker() {
   static WorkerState state;
   return state;
-}
-
-// Stops the worker and waits until it has ended; the caller holds the lock.
-void StopLocked(WorkerState& worker) noexcept {
-  if (worker.running == 1) {
-    worker.running = 0;
-    worker.thread.Join();
-  }
 }
 
 }  // namespace
@@ -55,10 +49,10 @@ void CWatchDogConfiguration::Configure(NodePtr& node) {
   }
 
   WorkerState& worker = Worker();
-  std::lock_guard<std::mutex> guard(worker.lock);
+  const std::lock_guard<std::recursive_mutex> guard(worker.lock);
   // The interval is stored only once the old worker is gone: the worker reads
   // it without a lock.
-  StopLocked(worker);
+  StopWorkerThread();
   m_nRefreshIntervalSeconds = interval;
 
   worker.running = 1;
@@ -73,8 +67,11 @@ void CWatchDogConfiguration::Configure(NodePtr& node) {
 void CWatchDogConfiguration::StopWorkerThread() {
   VH_TRACE_SCOPE(kSource, L"Kestrel::CWatchDogConfiguration::StopWorkerThread");
   WorkerState& worker = Worker();
-  std::lock_guard<std::mutex> guard(worker.lock);
-  StopLocked(worker);
+  const std::lock_guard<std::recursive_mutex> guard(worker.lock);
+  if (worker.running == 1) {
+    worker.running = 0;
+    worker.thread.Join();
+  }
 }
 
 void CWatchDogConfiguration::WorkerLoop() {

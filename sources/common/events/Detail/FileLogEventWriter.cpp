@@ -15,6 +15,16 @@ namespace {
 
 constexpr wchar_t kSource[] = L"FileLogEventWriter";
 
+// A refused events file is an administrator's matter, so it goes to the
+// module log rather than the debugger output.
+void ReportRefusedFile(const std::wstring& path, const std::wstring& reason) noexcept {
+  try {
+    VH_LOG(VHLogger::SEV_ERR, kSource, L"Events file '" << path << L"' refused: " << reason);
+  } catch (...) {
+    // Nowhere left to tell.
+  }
+}
+
 bool IsRelativePath(const std::wstring& path) noexcept {
   if (path.empty()) return true;
   if (path[0] == L'\\' || path[0] == L'/') return false;
@@ -23,7 +33,8 @@ bool IsRelativePath(const std::wstring& path) noexcept {
 
 }  // namespace
 
-CFileLogEventWriter::CFileLogEventWriter(std::wstring fileName) : m_fileLogger(std::move(fileName), L"") {}
+CFileLogEventWriter::CFileLogEventWriter(std::wstring fileName)
+    : m_fileLogger(std::move(fileName), L"", &ReportRefusedFile) {}
 
 std::shared_ptr<const MessageModule> CFileLogEventWriter::AcquireMessageFile(const CEventSource& source) {
   {

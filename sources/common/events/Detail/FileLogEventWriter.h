@@ -35,6 +35,8 @@ class CFileLogEventWriter : public IEventWriter {
   static constexpr std::size_t kMinArguments = 20;
 
   // A bare file name lands in the log directory, as for any file logger.
+  // Only a plain file of its folder is written; a link or a second name at
+  // the file's place is refused and logged once at ERR.
   explicit CFileLogEventWriter(std::wstring fileName);
   CFileLogEventWriter(const CFileLogEventWriter&) = delete;
   CFileLogEventWriter& operator=(const CFileLogEventWriter&) = delete;

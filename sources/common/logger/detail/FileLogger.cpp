@@ -20,6 +20,9 @@ constexpr std::uint32_t kDefaultKeepOpenMs = 5000;
 constexpr HRESULT kHrSharingViolation = static_cast<HRESULT>(0x80070020);
 constexpr int kOpenAttempts = 4;
 constexpr DWORD kOpenRetryPauseMs = 10;
+// Opening the folder costs more than opening the file in it (its final path
+// is asked of the system), so it is reused this long.
+constexpr DWORD kFolderReuseMs = 5000;
 
 using CreateFileTransactedFn = HANDLE(WINAPI*)(LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE,
                                                HANDLE, PUSHORT, PVOID);
@@ -36,20 +39,17 @@ bool WriteAll(HANDLE file, const void* data, std::size_t bytes) noexcept {
   return ::WriteFile(file, data, static_cast<DWORD>(bytes), &written, nullptr) != FALSE;
 }
 
-}  // namespace
-
-void CFileLogger::CHandleHolder::Close() noexcept {
-  if (hFile != nullptr) {
-    ::CloseHandle(hFile);
-    hFile = nullptr;
-  }
-  pAppendLock.reset();
+void ReportToDebugger(const std::wstring& path, const std::wstring& reason) noexcept {
+  DebugOutput(L"FileLogger: log file '%ls' refused: %ls", path.c_str(), reason.c_str());
 }
 
-CFileLogger::CFileLogger(std::wstring fileName, std::wstring banner)
+}  // namespace
+
+CFileLogger::CFileLogger(std::wstring fileName, std::wstring banner, RefusalReporter reportRefusal)
     : m_sBanner(std::move(banner)),
       m_sFileName(std::move(fileName)),
-      m_bNameIsPath(m_sFileName.find_first_of(L"\\/") != std::wstring::npos) {}
+      m_bNameIsPath(m_sFileName.find_first_of(L"\\/") != std::wstring::npos),
+      m_pReportRefusal(reportRefusal != nullptr ? reportRefusal : &ReportToDebugger) {}
 
 CFileLogger::~CFileLogger() = default;
 
@@ -61,24 +61,23 @@ void CFileLogger::Write(const wchar_t* text, std::size_t length) noexcept {
   if (text == nullptr) return;
   if (length == npos) length = std::wcslen(text);
   std::shared_ptr<CAppendLock> appendLock;
-  HANDLE file = ObtainHandle(appendLock);
-  if (file == nullptr) return;
+  const Handle file = ObtainHandle(appendLock);
+  if (!file) return;
   // The write runs outside the critical section on a private handle, so one
   // slow writer does not hold up the others; append access puts each line
   // whole at the end of the file. Asking for the file type first binds a fresh
   // handle to its file where that happens lazily (Wine fetches the descriptor
   // from its server), so only the write itself runs under the append lock.
-  ::GetFileType(file);
+  ::GetFileType(file.Get());
   HRESULT hr = S_OK;
   {
     CAppendLock::Hold hold(appendLock.get());
-    if (!WriteAll(file, text, length * sizeof(wchar_t))) hr = LastErrorResult();
+    if (!WriteAll(file.Get(), text, length * sizeof(wchar_t))) hr = LastErrorResult();
   }
   if (FAILED(hr)) DebugOutput(L"FileLogger: cannot write (error: 0x%08x)", AsUnsigned(hr));
-  ::CloseHandle(file);
 }
 
-HANDLE CFileLogger::ObtainHandle(std::shared_ptr<CAppendLock>& appendLock) noexcept {
+Handle CFileLogger::ObtainHandle(std::shared_ptr<CAppendLock>& appendLock) noexcept {
   std::uint32_t keepOpen = kDefaultKeepOpenMs;
   try {
     CLogger& logger = GetLogger();
@@ -95,7 +94,7 @@ HANDLE CFileLogger::ObtainHandle(std::shared_ptr<CAppendLock>& appendLock) noexc
     CHandleHolder holder;
     Open(holder);
     appendLock = holder.pAppendLock;
-    return std::exchange(holder.hFile, nullptr);
+    return std::move(holder.file);
   }
 
   const DWORD now = GlobalSettings::Detail::TickCount();
@@ -105,53 +104,82 @@ HANDLE CFileLogger::ObtainHandle(std::shared_ptr<CAppendLock>& appendLock) noexc
     try {
       auto fresh = std::make_shared<CHandleHolder>();
       Open(*fresh);
-      if (fresh->hFile != nullptr) m_pKept = std::move(fresh);
+      if (fresh->file) m_pKept = std::move(fresh);
     } catch (...) {
       // Without memory for the holder the line is dropped.
     }
   }
-  if (!m_pKept) return nullptr;
+  if (!m_pKept) return {};
 
   // Duplicated inside the critical section: a line written after a reopen
   // then always goes to the file the reopen chose, never to the one it
   // replaced.
-  HANDLE duplicate = nullptr;
+  Handle duplicate;
   const HANDLE process = ::GetCurrentProcess();
-  if (!::DuplicateHandle(process, m_pKept->hFile, process, &duplicate, 0, FALSE, DUPLICATE_SAME_ACCESS)) {
+  if (!::DuplicateHandle(process, m_pKept->file.Get(), process, duplicate.Put(), 0, FALSE, DUPLICATE_SAME_ACCESS)) {
     DebugOutput(L"FileLogger: cannot duplicate handle (error: 0x%08x)", AsUnsigned(LastErrorResult()));
-    return nullptr;
+    return {};
   }
   appendLock = m_pKept->pAppendLock;
   return duplicate;
 }
 
-HANDLE CFileLogger::CreateForAppend(const std::wstring& path, const CTransactionDescriptor* transaction) {
+Kestrel::PlainFile CFileLogger::OpenForAppend(const Kestrel::CFolder& folder, const std::wstring& name,
+                                              const CTransactionDescriptor* transaction) {
   constexpr DWORD kAccess = FILE_APPEND_DATA;
   constexpr DWORD kShare = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  HANDLE file = INVALID_HANDLE_VALUE;
   if (transaction == nullptr || (transaction->hTransaction == nullptr && transaction->bAllowPlainOpen)) {
-    file = ::CreateFileW(path.c_str(), kAccess, kShare, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-  } else if (transaction->hTransaction != nullptr) {
-    const auto createTransacted = reinterpret_cast<CreateFileTransactedFn>(
-        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "CreateFileTransactedW")));
-    if (createTransacted == nullptr) {
-      ::SetLastError(ERROR_PROC_NOT_FOUND);
-      return nullptr;
-    }
-    file = createTransacted(path.c_str(), kAccess, kShare, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr,
-                            transaction->hTransaction, nullptr, nullptr);
-  } else {
-    ::SetLastError(ERROR_INVALID_PARAMETER);
+    return Kestrel::OpenPlainFile(folder, name, kAccess, kShare, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
   }
-  return file == INVALID_HANDLE_VALUE ? nullptr : file;
+  Kestrel::PlainFile result;
+  result.error = ERROR_INVALID_PARAMETER;
+  if (transaction->hTransaction == nullptr) return result;
+  const auto createTransacted = reinterpret_cast<CreateFileTransactedFn>(
+      reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "CreateFileTransactedW")));
+  result.error = ERROR_PROC_NOT_FOUND;
+  if (createTransacted == nullptr) return result;
+  // Held to the same rule as a plain open: the handle must be a plain file of
+  // the folder, checked before anything is written.
+  result.file.Reset(createTransacted(folder.Join(name).c_str(), kAccess | FILE_READ_ATTRIBUTES, kShare, nullptr,
+                                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr,
+                                     transaction->hTransaction, nullptr, nullptr));
+  result.error = result.file ? ERROR_SUCCESS : ::GetLastError();
+  if (!result.file) return result;
+  result.refusal = Kestrel::ExamineEntry(folder, name, result.file.Get());
+  if (result.refusal != Kestrel::EntryRefusal::kNone) result.file.Reset();
+  return result;
+}
+
+const Kestrel::CFolder& CFileLogger::Folder(const std::wstring& folderPath) {
+  const DWORD now = GlobalSettings::Detail::TickCount();
+  if (!m_pFolder || m_sFolderPath != folderPath || now - m_nFolderOpened >= kFolderReuseMs) {
+    m_pFolder.reset();
+    m_pFolder = std::make_unique<Kestrel::CFolder>(folderPath);
+    m_sFolderPath = folderPath;
+    m_nFolderOpened = now;
+  }
+  return *m_pFolder;
 }
 
 void CFileLogger::Open(CHandleHolder& holder) noexcept {
+  std::wstring folderPath;
+  std::wstring name = m_sFileName;
   std::wstring path;
   std::uint32_t thresholdMb = 0;
   try {
-    path = FilePath();
     CLogger& logger = GetLogger();
+    if (m_bNameIsPath) {
+      const std::size_t separator = m_sFileName.find_last_of(L"\\/");
+      folderPath = m_sFileName.substr(0, separator == 0 ? 1 : separator);
+      name = m_sFileName.substr(separator + 1);
+      path = m_sFileName;
+    } else {
+      bool bUsable = true;
+      folderPath = logger.GetLogDirectory(&bUsable);
+      // A refused folder was reported where it was refused.
+      if (!bUsable) return;
+      path = folderPath + name;
+    }
     logger.RefreshConfiguration();
     if (!logger.Settings().GetDWord(L"LogFileSizeThresholdMB", thresholdMb)) thresholdMb = 0;
   } catch (...) {
@@ -162,20 +190,40 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
   }
 
   HRESULT hr = S_OK;
-  HANDLE file = nullptr;
-  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    file = CreateForAppend(path, holder.pTransaction);
-    if (file != nullptr) {
-      hr = S_OK;
-      break;
+  Kestrel::PlainFile opened;
+  try {
+    const Kestrel::CFolder& folder = Folder(folderPath);
+    for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+      opened = OpenForAppend(folder, name, holder.pTransaction);
+      hr = Kestrel::HResultFromWin32(opened.error);
+      if (hr == S_OK) break;
+      if (hr != kHrSharingViolation) break;
+      // Another writer may hold the file for a moment (a copy, a packer).
+      ::Sleep(kOpenRetryPauseMs);
     }
-    hr = LastErrorResult();
-    if (hr != kHrSharingViolation) break;
-    // Another writer may hold the file for a moment (a copy, a packer).
-    ::Sleep(kOpenRetryPauseMs);
+  } catch (const Kestrel::HRX& error) {
+    hr = error.Code();
+  } catch (...) {
+    hr = E_OUTOFMEMORY;
   }
 
-  if (file != nullptr) {
+  // A folder that failed is opened afresh next time: it may have been
+  // replaced meanwhile.
+  if (!opened) m_pFolder.reset();
+  if (opened.refusal != Kestrel::EntryRefusal::kNone) {
+    if (path != m_sRefusedPath) {
+      m_pReportRefusal(path, Kestrel::RefusalText(opened.refusal));
+      try {
+        m_sRefusedPath = path;
+      } catch (...) {
+      }
+    }
+    return;
+  }
+
+  if (opened) {
+    m_sRefusedPath.clear();
+    const HANDLE file = opened.file.Get();
     if (thresholdMb != 0) {
       DWORD high = 0;
       ::SetLastError(NO_ERROR);
@@ -187,7 +235,6 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
       }
       const std::uint64_t sizeMb = size >> 20;
       if (sizeMb >= thresholdMb) {
-        ::CloseHandle(file);
         if (!m_bTooBig) {
           DebugOutput(L"FileLogger: log file '%ls' is too big (size=%dMB threshold=%dMB)", path.c_str(),
                       static_cast<int>(sizeMb), static_cast<int>(thresholdMb));
@@ -230,7 +277,7 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
         DebugOutput(L"FileLogger: cannot write (error: 0x%08x)", AsUnsigned(LastErrorResult()));
       }
     }
-    holder.hFile = file;
+    holder.file = std::move(opened.file);
   }
 
   if (FAILED(hr)) {

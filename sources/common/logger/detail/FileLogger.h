@@ -7,6 +7,11 @@
 // interval follows a file that was moved away; the banner opens every file
 // it starts to use; at "LogFileSizeThresholdMB" it stops writing. Its own
 // troubles go to the debugger output only.
+//
+// It writes only into a plain file of its folder: the module runs as SYSTEM,
+// and a link or a second name planted at the log's name would make it
+// append to a file of the planter's choice. Such a file is refused, reported
+// once, and left untouched.
 
 #include <windows.h>
 
@@ -14,7 +19,9 @@
 #include <memory>
 #include <string>
 
+#include "Handle.h"
 #include "LogInterfaces.h"
+#include "platform/PlainFile.h"
 #include "settings/CriticalSection.h"
 
 namespace VHLogger::Detail {
@@ -32,9 +39,14 @@ class CFileLogger : public ILogWriter {
  public:
   static constexpr std::size_t npos = static_cast<std::size_t>(-1);
 
+  // Tells of a refused file (its path and why); called once for each run of
+  // refused opens of one path, inside the logger's lock.
+  using RefusalReporter = void (*)(const std::wstring& path, const std::wstring& reason) noexcept;
+
   // A name holding "\" or "/" is used as it stands; a bare name lives in the
-  // logger's log directory. An empty banner writes none.
-  CFileLogger(std::wstring fileName, std::wstring banner);
+  // logger's log directory. An empty banner writes none. A refused file goes
+  // to `reportRefusal`, by default to the debugger output.
+  CFileLogger(std::wstring fileName, std::wstring banner, RefusalReporter reportRefusal = nullptr);
   ~CFileLogger() override;
   CFileLogger(const CFileLogger&) = delete;
   CFileLogger& operator=(const CFileLogger&) = delete;
@@ -48,27 +60,24 @@ class CFileLogger : public ILogWriter {
 
  private:
   struct CHandleHolder {
-    CHandleHolder() = default;
-    ~CHandleHolder() { Close(); }
-    CHandleHolder(const CHandleHolder&) = delete;
-    CHandleHolder& operator=(const CHandleHolder&) = delete;
-    void Close() noexcept;
-
-    HANDLE hFile = nullptr;
+    Handle file;
     CTransactionDescriptor* pTransaction = nullptr;
     std::shared_ptr<CAppendLock> pAppendLock;
   };
 
-  // A handle the caller owns and closes (null when none), and the append
-  // lock of its file.
-  HANDLE ObtainHandle(std::shared_ptr<CAppendLock>& appendLock) noexcept;
+  // A handle for the caller alone (empty when none), and the append lock of
+  // its file.
+  Handle ObtainHandle(std::shared_ptr<CAppendLock>& appendLock) noexcept;
   void Open(CHandleHolder& holder) noexcept;
-  static HANDLE CreateForAppend(const std::wstring& path, const CTransactionDescriptor* transaction);
+  const Kestrel::CFolder& Folder(const std::wstring& folderPath);
+  static Kestrel::PlainFile OpenForAppend(const Kestrel::CFolder& folder, const std::wstring& name,
+                                          const CTransactionDescriptor* transaction);
 
   DWORD m_nLastOpen = 0;
   std::wstring m_sBanner;
   std::wstring m_sFileName;
   bool m_bNameIsPath;
+  RefusalReporter m_pReportRefusal;
   GlobalSettings::Detail::CCriticalSection m_cs;
   // The kept handle; writers take duplicates of it inside the critical
   // section, so a replaced one is closed at once.
@@ -77,6 +86,13 @@ class CFileLogger : public ILogWriter {
   DWORD m_nFileIndexHigh = 0;
   DWORD m_nVolumeSerial = 0;
   bool m_bTooBig = false;
+  // The refused file last reported, until an open succeeds again.
+  std::wstring m_sRefusedPath;
+  // The folder of the last open, reused for a few seconds when every line
+  // opens the file; dropped after a failed or refused open.
+  std::unique_ptr<Kestrel::CFolder> m_pFolder;
+  std::wstring m_sFolderPath;
+  DWORD m_nFolderOpened = 0;
   std::shared_ptr<CAppendLock> m_pAppendLock;
 };
 

@@ -50,9 +50,11 @@ class CLogger {
   bool VersionFlag() const noexcept { return m_bVersionFlag.load(std::memory_order_relaxed); }
   void SetVersionFlag(bool flag) noexcept { m_bVersionFlag.store(flag, std::memory_order_relaxed); }
 
-  // The directory of log files with its trailing separator, recomputed
-  // (and created) after a refresh.
-  std::wstring GetLogDirectory();
+  // The directory of log files with its trailing separator, recomputed after
+  // a refresh. A folder the module creates is for administrators only; one
+  // that exists must belong to a trusted account. `pbUsable`, when given, is
+  // false while the folder is refused (reported once to the debugger output).
+  std::wstring GetLogDirectory(bool* pbUsable = nullptr);
   // The cached reader of the "Logger" section.
   GlobalSettings::Detail::SettingsSection& Settings() noexcept { return m_config.section; }
   // Makes the next RefreshConfiguration re-read at once.
@@ -65,12 +67,14 @@ class CLogger {
     std::atomic<unsigned> nMaxSeverity{0};
     GlobalSettings::Detail::CCriticalSection cs;
     std::wstring sLogDirectory;
+    bool bDirectoryRefused = false;
     std::atomic<bool> bRefreshed{false};
     std::atomic<DWORD> nLastRefresh{0};
   };
 
   unsigned ReadMaxSeverity();
   std::wstring ComputeLogDirectory();
+  void PrepareLogDirectory(bool bChanged) noexcept;
 
   std::atomic<Detail::ILogWriter*> m_apWriters[kWriterSlots] = {};
   std::atomic<Detail::IFormatter*> m_pFormatter{nullptr};
@@ -82,9 +86,6 @@ class CLogger {
 namespace Detail {
 // The calling thread's scope nesting depth, kept by the scope tracer.
 unsigned& ThreadScopeDepth() noexcept;
-// Creates the directory and every missing one above it; failures are left
-// to the open that follows.
-void CreateDirectoryPath(const std::wstring& path) noexcept;
 }  // namespace Detail
 
 }  // namespace VHLogger
