@@ -204,6 +204,9 @@ std::string CheckServiceName(const std::string& name) {
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
+  // A DLL named without a path comes from System32 only, never from the
+  // current or a PATH folder; the module's own DLLs are loaded by full path.
+  SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
   SetConsoleOutputCP(CP_UTF8);
   std::vector<std::string> utf8;
   for (int i = 0; i < argc; ++i) utf8.push_back(Narrow(argv[i]));
