@@ -7,11 +7,14 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "Config.h"
+#include "ErrorHandling.h"
 #include "ModulePath.h"
+#include "Trust.h"
 
 namespace fs = std::filesystem;
 
@@ -285,6 +288,76 @@ TEST(HostConfigParse, DuplicateKeysAndEncodings) {
   EXPECT_EQ(utf8, "{}");
   EXPECT_FALSE(Host::DecodeText(little + "x", utf8));                 // odd length
   EXPECT_FALSE(Host::DecodeText(std::string("\xFF\xFE\x00\xD8", 4), utf8));  // a lone surrogate
+}
+
+// What the service judges before it reads or loads anything, and what an
+// administrator reads when it refuses. Wine keeps no owners or DACLs, so the
+// files' security descriptors are crafted SDDL, judged for LocalSystem.
+TEST(HostTrust, EveryInputAndItsFolderAreJudgedAndRefusalsNameWhoMayWrite) {
+  const std::wstring program = L"C:\\Program Files\\WatchDog64", data = L"C:\\ProgramData\\WatchDog64";
+  const std::wstring config = data + L"\\watchdog64.jsonc";
+  const auto inputs = Host::InputsToTrust(program + L"\\wd64host.exe", config, L"C:\\Settings\\gs.ini",
+                                          {program + L"\\wd64host.ini", program + L"\\GlobalSettings.ini"});
+  // What the installer sets, and what ProgramData hands down to a folder
+  // made in it (Users may add files).
+  const std::wstring locked = L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
+  const std::wstring inherited = L"O:BAD:(A;OICIID;FA;;;SY)(A;OICIID;FA;;;BA)(A;CIID;DCLCRPCR;;;BU)";
+  std::map<std::wstring, std::wstring> disk{{L"C:\\", L"O:SYD:(A;OICI;FA;;;SY)(A;CI;LC;;;AU)(A;OICIIO;GA;;;CO)"}};
+  for (const std::wstring& path : {program, program + L"\\wd64host.exe", program + L"\\WatchDog64.dll",
+                                   program + L"\\DataLayer.dll", data, config}) {
+    disk[path] = locked;
+  }
+  std::vector<std::wstring> asked;
+  const Host::TrustJudge judge = [&](const std::wstring& path) -> std::optional<Kestrel::TrustVerdict> {
+    asked.push_back(path);
+    const auto found = disk.find(path);
+    if (found == disk.end()) return std::nullopt;
+    if (found->second.empty()) Kestrel::ThrowWin32(ERROR_ACCESS_DENIED);
+    return Kestrel::JudgeSddl(found->second, L"S-1-5-18");
+  };
+  auto refusals = [&] {
+    asked.clear();
+    std::vector<std::string> texts;
+    for (const Host::Problem& problem : Host::JudgeInputs(inputs, judge)) {
+      EXPECT_FALSE(problem.warning);
+      texts.push_back(Host::Narrow(problem.Text()));
+    }
+    return texts;
+  };
+  const std::string rule =
+      " (only SYSTEM, Administrators, TrustedInstaller and the account the host runs as may own or change what it "
+      "acts on)";
+
+  // Each file with the folder holding it, each folder once; a missing file by
+  // the nearest folder that would hold it, here the drive's root, in which
+  // any user may make the missing folder.
+  EXPECT_EQ(refusals(), std::vector<std::string>{"C:\\: folder that would hold the settings file (GLOBAL_SETTINGS_INI) "
+                                                 "C:\\Settings\\gs.ini: NT AUTHORITY\\Authenticated Users "
+                                                 "(S-1-5-11) may write to it" + rule});
+  EXPECT_EQ(asked, (std::vector<std::wstring>{program, program + L"\\wd64host.exe", program + L"\\WatchDog64.dll",
+                                              program + L"\\DataLayer.dll", config, data, L"C:\\Settings\\gs.ini",
+                                              L"C:\\Settings", L"C:\\", program + L"\\wd64host.ini",
+                                              program + L"\\GlobalSettings.ini"}));
+
+  // A configuration planted by a user in the folder ProgramData made, a
+  // module an administrator left open to everyone, one whose descriptor
+  // cannot be read.
+  disk[L"C:\\Settings"] = locked;
+  disk[data] = inherited;
+  disk[config] = L"O:S-1-5-21-7-7-7-1001D:(A;;FA;;;S-1-5-21-7-7-7-1001)(A;;FA;;;SY)";
+  disk[program + L"\\WatchDog64.dll"] = L"O:BAD:(A;;FA;;;SY)(A;;FA;;;WD)";
+  disk[program + L"\\DataLayer.dll"] = L"";
+  const auto texts = refusals();
+  ASSERT_EQ(texts.size(), 4u);
+  EXPECT_EQ(texts[0],
+            "C:\\Program Files\\WatchDog64\\WatchDog64.dll: module: Everyone (S-1-1-0) may write to it" + rule);
+  EXPECT_EQ(texts[1].rfind("C:\\Program Files\\WatchDog64\\DataLayer.dll: module: its owner and access cannot be "
+                           "read: ", 0), 0u) << texts[1];
+  EXPECT_EQ(texts[2], "C:\\ProgramData\\WatchDog64\\watchdog64.jsonc: configuration: S-1-5-21-7-7-7-1001 owns it" +
+                          rule);
+  EXPECT_EQ(texts[3], "C:\\ProgramData\\WatchDog64: folder of the configuration "
+                      "C:\\ProgramData\\WatchDog64\\watchdog64.jsonc: BUILTIN\\Users (S-1-5-32-545) may write to it" +
+                          rule);
 }
 
 }  // namespace
