@@ -24,10 +24,12 @@
 #include <thread>
 
 #include "Config.h"
+#include "Links.h"
 #include "Metrics.h"
 #include "ModuleHost.h"
 #include "ModulePath.h"
 #include "Processes.h"
+#include "platform/FileTrust.h"
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -353,9 +355,11 @@ TEST(MetricsWriter, MissingHeldOrVanishedTargetsFailCleanly) {
   const fs::path nowhere = folder / L"no-such-folder" / L"m.prom";
   Host::MetricsWriter lost(nowhere.wstring(), config, host);
   EXPECT_FALSE(lost.Write(&error));
-  EXPECT_NE(error.find(L"cannot write the metrics file " + nowhere.wstring() + L": creating "), std::wstring::npos)
+  EXPECT_NE(error.find(L"cannot write the metrics file " + nowhere.wstring() + L": opening its folder " +
+                       nowhere.parent_path().wstring() + L": "),
+            std::wstring::npos)
       << Utf8(error);
-  EXPECT_GT(error.size(), error.find(L".tmp: ") + 6) << "no system text: " << Utf8(error);
+  EXPECT_GT(error.size(), error.find(L"no-such-folder: ") + 16) << "no system text: " << Utf8(error);
   EXPECT_FALSE(fs::exists(nowhere.parent_path()));
 
   // A reader that does not let the target be replaced: the old text stays
@@ -398,6 +402,84 @@ TEST(MetricsWriter, MissingHeldOrVanishedTargetsFailCleanly) {
   EXPECT_TRUE(vanishing.Write(&error)) << Utf8(error);
   EXPECT_TRUE(Whole(ReadWhenOpen(comesAndGoes / L"m.prom")));
   EXPECT_EQ(Temporaries(comesAndGoes), 0);
+}
+
+// Links planted where the writer works, as anyone could plant them in a
+// folder that let them: no victim outside changes, and what the writer left
+// alone or refused it says.
+TEST(MetricsWriter, LinksAndPlantedTemporariesChangeNothingOutside) {
+  const fs::path base = fs::path(Kestrel::ModuleDirectory()) / L"metrics-tests";
+  const fs::path links = base / L"links", victims = base / L"victims";
+  TestSupport::RemoveTree(links.wstring());  // links as links, never their targets
+  fs::remove_all(victims);
+  fs::create_directories(links);
+  fs::create_directories(victims / L"folder");
+  const std::string kVictim = "a victim: stays as it is\n";
+  auto victim = [&](const wchar_t* name) {
+    std::ofstream(victims / name, std::ios::binary) << kVictim;
+    return (victims / name).wstring();
+  };
+  const auto config = Watching({Group({base.wstring()})});
+  Host::ModuleHost host;
+  std::wstring error, notes;
+
+  // A symbolic or hard link at the file's name is replaced, not written through.
+  for (bool symbolic : {true, false}) {
+    const fs::path target = links / (symbolic ? L"symbolic.prom" : L"hard.prom");
+    TestSupport::MakeLink(victim(symbolic ? L"symbolic.txt" : L"hard.txt"), target.wstring(), symbolic);
+    Host::MetricsWriter writer(target.wstring(), config, host);
+    EXPECT_TRUE(writer.Write(&error)) << Utf8(error);
+    EXPECT_TRUE(Whole(ReadWhenOpen(target)));
+  }
+
+  // Names of temporaries as an ended writer would leave them: links to
+  // victims are left alone and named, a plain file goes. Names this process
+  // would once have taken next no longer block it.
+  const std::wstring stale = (links / L"wd64.prom.4000000000-").wstring();
+  TestSupport::MakeLink(victim(L"stale-symbolic.txt"), stale + L"0.tmp", true);
+  TestSupport::MakeLink(victim(L"stale-hard.txt"), stale + L"1.tmp", false);
+  std::ofstream(fs::path(stale + L"2.tmp")) << "left by a killed writer";
+  const std::wstring own = (links / L"wd64.prom.").wstring() + std::to_wstring(GetCurrentProcessId()) + L"-";
+  for (const wchar_t* n : {L"0.tmp", L"1.tmp"}) std::ofstream(fs::path(own + n)) << "a predictable name taken first";
+  Host::MetricsWriter planted((links / L"wd64.prom").wstring(), config, host);
+  EXPECT_TRUE(planted.Write(&error, &notes)) << Utf8(error);
+  EXPECT_NE(notes.find(L"left wd64.prom.4000000000-0.tmp alone: a link"), std::wstring::npos) << Utf8(notes);
+  EXPECT_NE(notes.find(L"left wd64.prom.4000000000-1.tmp alone: a file with more than one name"), std::wstring::npos)
+      << Utf8(notes);
+  EXPECT_FALSE(fs::exists(stale + L"2.tmp"));
+  EXPECT_TRUE(fs::exists(own + L"0.tmp"));  // a living writer's, as far as anyone can tell
+
+  // A metrics folder that is a link is refused before anything is written
+  // into, or removed from, the folder it points to.
+  victim(L"folder\\wd64.prom");
+  victim(L"folder\\wd64.prom.4000000000-0.tmp");
+  TestSupport::MakeLink((victims / L"folder").wstring(), (links / L"folder").wstring(), true);
+  Host::MetricsWriter redirected((links / L"folder" / L"wd64.prom").wstring(), config, host);
+  EXPECT_FALSE(redirected.Write(&error));
+  EXPECT_NE(error.find(L"is a link or junction"), std::wstring::npos) << Utf8(error);
+  // So is one that others may write to (Wine shows a Unix mode open to all
+  // as Everyone holding write access).
+  const fs::path open = links / L"open";
+  fs::create_directories(open);
+  TestSupport::RunUnix(L"/bin/chmod", "777 \"" + TestSupport::UnixPath(open.wstring()) + "\"",
+                       [&] { return !Kestrel::JudgeFile(open.wstring()).bTrusted; });
+  Host::MetricsWriter shared((open / L"wd64.prom").wstring(), config, host);
+  EXPECT_FALSE(shared.Write(&error));
+  EXPECT_NE(error.find(L"is not safe to write into: Everyone (S-1-1-0) may write to it"), std::wstring::npos)
+      << Utf8(error);
+  EXPECT_TRUE(fs::is_empty(open));
+
+  int touched = 0, count = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(victims)) {
+    if (!entry.is_regular_file()) continue;
+    ++count;
+    std::ifstream in(entry.path(), std::ios::binary);
+    touched += std::string(std::istreambuf_iterator<char>(in), {}) != kVictim;
+  }
+  std::printf("links planted: %d victims, %d changed or gone\n", count, 6 - count + touched);
+  EXPECT_EQ(count, 6);
+  EXPECT_EQ(touched, 0);
+  TestSupport::RemoveTree(links.wstring());
 }
 
 TEST(MetricsWriter, ReadersNeverSeeAPartialFileAndKilledWritersLoseNothing) {
