@@ -114,6 +114,17 @@ class CommandLine(unittest.TestCase):
             self.assertEqual(rc.returncode, 1)
             self.assertIn(missing, envelope(rc.stdout.decode("utf-8"))["error"]["message"])
 
+        # A program folder that others may add to is refused by check and by
+        # service install, before any module of it is loaded.
+        shutil.copy(os.path.join(BIN, "WatchDog64.dll"), alone)
+        os.chmod(alone, 0o777)
+        for args in (["check"], ["service", "install", "--name", "WD64PyOpenFolder"]):
+            done = subprocess.run([WINE_RUN, PREFIX, lonely, *args], capture_output=True, env=environment, timeout=120)
+            out = done.stdout.decode("utf-8", "replace")
+            self.assertEqual(done.returncode, 2, (args, out))
+            self.assertIn(f"{win(alone)}: program folder: Everyone (S-1-1-0) may write to it {RULE}", out)
+        self.assertEqual(host("service", "status", "--name", "WD64PyOpenFolder")[0], 1)
+
 
 # What every refusal of a file others may change ends with.
 RULE = ("(only SYSTEM, Administrators, TrustedInstaller and the account the host runs as may own or change what it "
