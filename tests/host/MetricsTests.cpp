@@ -409,10 +409,10 @@ TEST(MetricsWriter, MissingHeldOrVanishedTargetsFailCleanly) {
 // alone or refused it says.
 TEST(MetricsWriter, LinksAndPlantedTemporariesChangeNothingOutside) {
   const fs::path base = fs::path(Kestrel::ModuleDirectory()) / L"metrics-tests";
-  const fs::path links = base / L"links", victims = base / L"victims";
+  const fs::path links = base / L"links", victims = base / L"victims", open = links / L"open";
   TestSupport::RemoveTree(links.wstring());  // links as links, never their targets
   fs::remove_all(victims);
-  fs::create_directories(links);
+  fs::create_directories(open);
   fs::create_directories(victims / L"folder");
   const std::string kVictim = "a victim: stays as it is\n";
   auto victim = [&](const wchar_t* name) {
@@ -422,63 +422,53 @@ TEST(MetricsWriter, LinksAndPlantedTemporariesChangeNothingOutside) {
   const auto config = Watching({Group({base.wstring()})});
   Host::ModuleHost host;
   std::wstring error, notes;
+  auto write = [&](const fs::path& target) {
+    return Host::MetricsWriter(target.wstring(), config, host).Write(&error, &notes);
+  };
 
   // A symbolic or hard link at the file's name is replaced, not written through.
-  for (bool symbolic : {true, false}) {
-    const fs::path target = links / (symbolic ? L"symbolic.prom" : L"hard.prom");
-    TestSupport::MakeLink(victim(symbolic ? L"symbolic.txt" : L"hard.txt"), target.wstring(), symbolic);
-    Host::MetricsWriter writer(target.wstring(), config, host);
-    EXPECT_TRUE(writer.Write(&error)) << Utf8(error);
-    EXPECT_TRUE(Whole(ReadWhenOpen(target)));
-  }
+  TestSupport::MakeLink(victim(L"symbolic.txt"), (links / L"s.prom").wstring(), true);
+  TestSupport::MakeLink(victim(L"hard.txt"), (links / L"h.prom").wstring(), false);
+  EXPECT_TRUE(write(links / L"s.prom") && write(links / L"h.prom")) << Utf8(error);
+  EXPECT_TRUE(Whole(ReadWhenOpen(links / L"s.prom")) && Whole(ReadWhenOpen(links / L"h.prom")));
 
-  // Names of temporaries as an ended writer would leave them: links to
-  // victims are left alone and named, a plain file goes. Names this process
-  // would once have taken next no longer block it.
-  const std::wstring stale = (links / L"wd64.prom.4000000000-").wstring();
+  // Temporaries as an ended writer left them: links to victims are left
+  // alone and named, a plain file goes. Names this process would once have
+  // taken next no longer block it.
+  const std::wstring stale = (links / L"w.prom.4000000000-").wstring();
+  const std::wstring own = (links / L"w.prom.").wstring() + std::to_wstring(GetCurrentProcessId()) + L"-0.tmp";
   TestSupport::MakeLink(victim(L"stale-symbolic.txt"), stale + L"0.tmp", true);
   TestSupport::MakeLink(victim(L"stale-hard.txt"), stale + L"1.tmp", false);
-  std::ofstream(fs::path(stale + L"2.tmp")) << "left by a killed writer";
-  const std::wstring own = (links / L"wd64.prom.").wstring() + std::to_wstring(GetCurrentProcessId()) + L"-";
-  for (const wchar_t* n : {L"0.tmp", L"1.tmp"}) std::ofstream(fs::path(own + n)) << "a predictable name taken first";
-  Host::MetricsWriter planted((links / L"wd64.prom").wstring(), config, host);
-  EXPECT_TRUE(planted.Write(&error, &notes)) << Utf8(error);
-  EXPECT_NE(notes.find(L"left wd64.prom.4000000000-0.tmp alone: a link"), std::wstring::npos) << Utf8(notes);
-  EXPECT_NE(notes.find(L"left wd64.prom.4000000000-1.tmp alone: a file with more than one name"), std::wstring::npos)
-      << Utf8(notes);
+  for (const std::wstring& planted : {stale + L"2.tmp", own}) std::ofstream(fs::path(planted)) << "planted";
+  EXPECT_TRUE(write(links / L"w.prom")) << Utf8(error);
+  EXPECT_NE(notes.find(L"left w.prom.4000000000-0.tmp alone: a link"), std::wstring::npos) << Utf8(notes);
+  EXPECT_NE(notes.find(L"left w.prom.4000000000-1.tmp alone: a file with more than one name"), std::wstring::npos);
   EXPECT_FALSE(fs::exists(stale + L"2.tmp"));
-  EXPECT_TRUE(fs::exists(own + L"0.tmp"));  // a living writer's, as far as anyone can tell
+  EXPECT_TRUE(fs::exists(own));  // a living writer's, as far as anyone can tell
 
-  // A metrics folder that is a link is refused before anything is written
-  // into, or removed from, the folder it points to.
-  victim(L"folder\\wd64.prom");
-  victim(L"folder\\wd64.prom.4000000000-0.tmp");
+  // A folder that is a link, or one that others may write to (Wine shows a
+  // Unix mode open to all as Everyone writing), is refused before anything
+  // is written into or removed from it.
+  victim(L"folder\\w.prom");
+  victim(L"folder\\w.prom.4000000000-0.tmp");
   TestSupport::MakeLink((victims / L"folder").wstring(), (links / L"folder").wstring(), true);
-  Host::MetricsWriter redirected((links / L"folder" / L"wd64.prom").wstring(), config, host);
-  EXPECT_FALSE(redirected.Write(&error));
+  EXPECT_FALSE(write(links / L"folder" / L"w.prom"));
   EXPECT_NE(error.find(L"is a link or junction"), std::wstring::npos) << Utf8(error);
-  // So is one that others may write to (Wine shows a Unix mode open to all
-  // as Everyone holding write access).
-  const fs::path open = links / L"open";
-  fs::create_directories(open);
   TestSupport::RunUnix(L"/bin/chmod", "777 \"" + TestSupport::UnixPath(open.wstring()) + "\"",
                        [&] { return !Kestrel::JudgeFile(open.wstring()).bTrusted; });
-  Host::MetricsWriter shared((open / L"wd64.prom").wstring(), config, host);
-  EXPECT_FALSE(shared.Write(&error));
-  EXPECT_NE(error.find(L"is not safe to write into: Everyone (S-1-1-0) may write to it"), std::wstring::npos)
-      << Utf8(error);
+  EXPECT_FALSE(write(open / L"w.prom"));
+  EXPECT_NE(error.find(L"is not safe to write into: Everyone (S-1-1-0) may write to it"), std::wstring::npos);
   EXPECT_TRUE(fs::is_empty(open));
 
-  int touched = 0, count = 0;
+  int count = 0, touched = 0;
   for (const auto& entry : fs::recursive_directory_iterator(victims)) {
     if (!entry.is_regular_file()) continue;
-    ++count;
     std::ifstream in(entry.path(), std::ios::binary);
+    count += 1;
     touched += std::string(std::istreambuf_iterator<char>(in), {}) != kVictim;
   }
-  std::printf("links planted: %d victims, %d changed or gone\n", count, 6 - count + touched);
-  EXPECT_EQ(count, 6);
-  EXPECT_EQ(touched, 0);
+  std::printf("links planted: 6 victims, %d changed or gone\n", 6 - count + touched);
+  EXPECT_EQ(6 - count + touched, 0);
   TestSupport::RemoveTree(links.wstring());
 }
 
