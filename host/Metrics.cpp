@@ -1,18 +1,21 @@
 #include "Metrics.h"
 
+#include <bcrypt.h>
 #include <shlwapi.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <mutex>
 
 #include "Config.h"
+#include "ErrorHandling.h"
 #include "HostHandles.h"
 #include "ModuleHost.h"
 #include "Nodes.h"
+#include "platform/FileTrust.h"
+#include "platform/PlainFile.h"
 
 namespace Host {
 
@@ -25,8 +28,8 @@ constexpr std::int64_t kMB = std::int64_t{1} << 20;
 // it be replaced (a collector reading it at that moment).
 constexpr int kReplaceAttempts = 100;
 constexpr DWORD kReplacePauseMs = 20;
-
-std::atomic<unsigned> g_temporaryCounter{0};
+// What opening a folder that is a link while refusing links fails with.
+constexpr DWORD kReparsePointEncountered = 4395;
 
 std::wstring SystemText(DWORD error) { return DescribeCode(HRESULT_FROM_WIN32(error)); }
 
@@ -139,6 +142,19 @@ bool Same(const std::wstring& a, const std::wstring& b) {
          CSTR_EQUAL;
 }
 
+// Whether an open file of `folder` is the entry `name` itself. A link to
+// another file of the same folder passes OpenPlainFile's checks where the
+// system shows links without a reparse point (Wine's view of Unix links).
+bool HasName(const Kestrel::CFolder& folder, HANDLE file, const std::wstring& name) {
+  try {
+    const std::wstring finalPath = Kestrel::FinalPathOf(file);
+    return finalPath.size() > folder.FinalPath().size() &&
+           Same(finalPath.substr(finalPath.find_last_of(L'\\') + 1), name);
+  } catch (const Kestrel::HRX&) {
+    return false;
+  }
+}
+
 bool ProcessEnded(DWORD pid) {
   ProcessHandle process(OpenProcess(SYNCHRONIZE, FALSE, pid));
   if (!process) return GetLastError() == ERROR_INVALID_PARAMETER;
@@ -237,8 +253,8 @@ struct MetricsWriter::State {
   void Services(std::vector<GroupSample>& groups);
   std::vector<GroupSample> Collect();
   std::string Render(const std::vector<GroupSample>& groups, const PackTotals& totals) const;
-  void RemoveStaleTemporaries() const;
-  bool Replace(const std::string& text, std::wstring* error) const;
+  void RemoveStaleTemporaries(const Kestrel::CFolder& folder, const std::wstring& name, std::wstring& notes) const;
+  bool Replace(const std::string& text, std::wstring* error, std::wstring* notes) const;
 };
 
 // Asks the disk manager for `paths` in one request; false when it failed as a
@@ -405,15 +421,15 @@ std::string MetricsWriter::State::Render(const std::vector<GroupSample>& groups,
   return out.Text();
 }
 
-// Temporaries are "<file name>.<pid>-<n>.tmp" beside the file. One left by a
-// process that was killed mid-write is removed by the next writer; those of
-// living writers are theirs to finish.
-void MetricsWriter::State::RemoveStaleTemporaries() const {
-  const std::size_t slash = path.find_last_of(L"\\/");
-  const std::wstring folder = slash == std::wstring::npos ? L"" : path.substr(0, slash + 1);
-  const std::wstring name = path.substr(folder.size());
+// Temporaries are "<file name>.<pid>-<random>.tmp" beside the file: nobody
+// can guess the next name to block it, and the process id tells a writer
+// that was killed from one at work. The next writer removes those of the
+// killed ones, but only plain files of the folder: a link planted under such
+// a name is left alone, and so is its target.
+void MetricsWriter::State::RemoveStaleTemporaries(const Kestrel::CFolder& folder, const std::wstring& name,
+                                                  std::wstring& notes) const {
   WIN32_FIND_DATAW found{};
-  const FindHandle find(FindFirstFileW((path + L".*.tmp").c_str(), &found));
+  const FindHandle find(FindFirstFileW(folder.Join(name + L".*.tmp").c_str(), &found));
   if (!find) return;
   do {
     const std::wstring candidate = found.cFileName;
@@ -421,40 +437,87 @@ void MetricsWriter::State::RemoveStaleTemporaries() const {
     const wchar_t* digits = candidate.c_str() + name.size() + 1;
     wchar_t* end = nullptr;
     const unsigned long pid = std::wcstoul(digits, &end, 10);
-    if (end == digits || *end != L'-' || pid == GetCurrentProcessId()) continue;
-    if (ProcessEnded(pid)) DeleteFileW((folder + candidate).c_str());
+    if (end == digits || *end != L'-' || pid == GetCurrentProcessId() || !ProcessEnded(pid)) continue;
+    Kestrel::PlainFile stale = Kestrel::OpenPlainFile(
+        folder, candidate, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_EXISTING);
+    if (stale && !HasName(folder, stale.file.Get(), candidate)) {
+      stale.file.Reset();
+      stale.refusal = Kestrel::EntryRefusal::kOutside;
+    }
+    if (stale) {
+      Kestrel::DeleteByHandle(stale.file.Get());
+    } else if (stale.refusal != Kestrel::EntryRefusal::kNone) {
+      notes += (notes.empty() ? L"" : L"; ") + std::wstring(L"left ") + candidate + L" alone: " + stale.Reason();
+    }
   } while (FindNextFileW(find.Get(), &found));
 }
 
-bool MetricsWriter::State::Replace(const std::string& text, std::wstring* error) const {
-  auto fail = [&](const std::wstring& step, DWORD code) {
-    if (error != nullptr) *error = L"cannot write the metrics file " + path + L": " + step + L": " + SystemText(code);
+bool MetricsWriter::State::Replace(const std::string& text, std::wstring* error, std::wstring* notes) const {
+  const std::size_t slash = path.find_last_of(L"\\/");
+  // "C:\m.prom" lies in "C:\", with its separator.
+  const std::wstring folderPath =
+      slash == std::wstring::npos ? L"." : path.substr(0, slash == 2 && path[1] == L':' ? 3 : slash);
+  const std::wstring name = path.substr(slash + 1);
+  auto fail = [&](const std::wstring& why) {
+    if (error != nullptr) *error = L"cannot write the metrics file " + path + L": " + why;
     return false;
   };
-  const std::wstring temporary = path + L"." + std::to_wstring(GetCurrentProcessId()) + L"-" +
-                                 std::to_wstring(g_temporaryCounter.fetch_add(1)) + L".tmp";
-  {
-    FileHandle file(
-        CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file) return fail(L"creating " + temporary, GetLastError());
-    DWORD written = 0;
-    const bool ok = WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-                    written == text.size() && FlushFileBuffers(file.Get());
-    if (!ok) {
-      const DWORD code =
-          written != text.size() && GetLastError() == ERROR_SUCCESS ? ERROR_HANDLE_DISK_FULL : GetLastError();
-      file.Reset();  // opened without sharing: closed before it can be deleted
-      DeleteFileW(temporary.c_str());
-      return fail(L"writing " + temporary, code);
+  auto failCode = [&](const std::wstring& step, DWORD code) { return fail(step + L": " + SystemText(code)); };
+
+  // The folder is opened once for the whole write, and everything in it is
+  // checked against where it really is. A folder that is a link, or one that
+  // others may change, could send the writes of a privileged host anywhere.
+  std::optional<Kestrel::CFolder> folder;
+  try {
+    folder.emplace(folderPath, Kestrel::CFolder::Links::kRefuse);
+  } catch (const Kestrel::HRX& failure) {
+    if (failure.Code() == HRESULT_FROM_WIN32(kReparsePointEncountered)) {
+      return fail(L"its folder " + folderPath + L" is a link or junction; metrics are written only into a real folder");
     }
+    return fail(L"opening its folder " + folderPath + L": " + failure.Description());
   }
+  try {
+    const Kestrel::TrustVerdict verdict = Kestrel::JudgeFile(folder->Path());
+    if (!verdict.bTrusted) {
+      return fail(L"its folder " + folderPath + L" is not safe to write into: " + verdict.Text() +
+                  L" (only SYSTEM, Administrators and the account the host runs as may own or change it)");
+    }
+  } catch (const Kestrel::HRX& failure) {
+    return fail(L"reading who may change its folder " + folderPath + L": " + failure.Description());
+  }
+  std::wstring left;
+  RemoveStaleTemporaries(*folder, name, left);
+  if (notes != nullptr) *notes = left;
+
+  unsigned char random[8];
+  if (!BCRYPT_SUCCESS(BCryptGenRandom(nullptr, random, sizeof random, BCRYPT_USE_SYSTEM_PREFERRED_RNG))) {
+    return fail(L"no random name for a temporary file");
+  }
+  wchar_t suffix[24];
+  std::swprintf(suffix, std::size(suffix), L"%02x%02x%02x%02x%02x%02x%02x%02x", random[0], random[1], random[2],
+                random[3], random[4], random[5], random[6], random[7]);
+  const std::wstring temporaryName = name + L"." + std::to_wstring(GetCurrentProcessId()) + L"-" + suffix + L".tmp";
+  const std::wstring temporary = folder->Join(temporaryName);
+  Kestrel::PlainFile file = Kestrel::OpenPlainFile(*folder, temporaryName, GENERIC_WRITE | DELETE, 0, CREATE_NEW);
+  if (!file) return fail(L"creating " + temporary + L": " + file.Reason());
+  DWORD written = 0;
+  const bool ok = WriteFile(file.file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
+                  written == text.size() && FlushFileBuffers(file.file.Get());
+  if (!ok) {
+    const DWORD code =
+        written != text.size() && GetLastError() == ERROR_SUCCESS ? ERROR_HANDLE_DISK_FULL : GetLastError();
+    Kestrel::DeleteByHandle(file.file.Get());
+    return failCode(L"writing " + temporary, code);
+  }
+  // The rename replaces whatever entry holds the name, a link included,
+  // never what a link points to.
   for (int attempt = 1;; ++attempt) {
-    if (MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) return true;
+    if (Kestrel::RenameByHandle(file.file.Get(), folder->Join(name), true)) return true;
     const DWORD code = GetLastError();
     const bool held = code == ERROR_ACCESS_DENIED || code == ERROR_SHARING_VIOLATION || code == ERROR_LOCK_VIOLATION;
     if (!held || attempt == kReplaceAttempts) {
-      DeleteFileW(temporary.c_str());
-      return fail(L"replacing it with " + temporary, code);
+      Kestrel::DeleteByHandle(file.file.Get());
+      return failCode(L"replacing it with " + temporary, code);
     }
     Sleep(kReplacePauseMs);
   }
@@ -478,7 +541,7 @@ void MetricsWriter::RecordPackRun(const PackRunResult& run) {
   totals.last = run;
 }
 
-bool MetricsWriter::Write(std::wstring* error) {
+bool MetricsWriter::Write(std::wstring* error, std::wstring* notes) {
   try {
     const std::lock_guard lock(m_state->writeLock);
     PackTotals totals;
@@ -487,8 +550,7 @@ bool MetricsWriter::Write(std::wstring* error) {
       totals = m_state->pack;
     }
     const std::string text = m_state->Render(m_state->Collect(), totals);
-    m_state->RemoveStaleTemporaries();
-    return m_state->Replace(text, error);
+    return m_state->Replace(text, error, notes);
   } catch (const std::exception& failure) {
     if (error != nullptr) *error = L"cannot write the metrics file " + m_state->path + L": " + Widen(failure.what());
   } catch (const HostError& failure) {

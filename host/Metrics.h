@@ -30,7 +30,10 @@ struct PackRunResult {
 
 // RecordPackRun and Write may be called from different threads; Write
 // blocks for the collection (a disk-manager request, the service manager) and
-// for up to two seconds more while a reader holds the file.
+// for up to two seconds more while a reader holds the file. Each write opens
+// the file's folder once and refuses it when it is a link or others may
+// change it; the temporary is a new plain file under a random name, and the
+// file is replaced through its handle.
 class MetricsWriter {
  public:
   // `path` is the .prom file to keep current; `config` and `host` must
@@ -44,7 +47,9 @@ class MetricsWriter {
   void RecordPackRun(const PackRunResult& run);
   // Collects every family and replaces the file. Never throws: returns false
   // with a text for people in `error` when the file could not be written.
-  bool Write(std::wstring* error = nullptr);
+  // `notes` receives what the write left alone (a link named like a stale
+  // temporary), empty when nothing.
+  bool Write(std::wstring* error = nullptr, std::wstring* notes = nullptr);
 
  private:
   struct State;

@@ -90,6 +90,10 @@ HostError::HostError(HRESULT code, std::wstring what) : m_code(code), m_what(std
 
 std::wstring HostError::Text() const { return m_what + L" failed: " + m_description; }
 
+HMODULE LoadFromFolderOf(const std::wstring& path) {
+  return LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
+}
+
 void Check(HRESULT hr, const std::wstring& what) {
   if (FAILED(hr)) throw HostError(hr, what);
 }
@@ -103,7 +107,10 @@ ModuleHost::ModuleHost(const std::wstring& directory) {
   if (GetFileAttributesW(dataLayer.c_str()) == INVALID_FILE_ATTRIBUTES) {
     throw HostError(HRESULT_FROM_WIN32(GetLastError()), L"finding " + dataLayer + L" (WatchDog64.dll needs it beside itself)");
   }
-  m_library = LoadLibraryW(m_modulePath.c_str());
+  if (LoadFromFolderOf(dataLayer) == nullptr) {
+    throw HostError(HRESULT_FROM_WIN32(GetLastError()), L"loading " + dataLayer);
+  }
+  m_library = LoadFromFolderOf(m_modulePath);
   if (m_library == nullptr) throw HostError(HRESULT_FROM_WIN32(GetLastError()), L"loading " + m_modulePath);
   auto get = reinterpret_cast<WatchDog64::GetComponentsModuleObjectFn>(
       reinterpret_cast<void*>(GetProcAddress(m_library, WatchDog64::kGetComponentsModuleObjectName)));

@@ -99,6 +99,10 @@ class ModuleHost {
 void SetVerbose(bool verbose) noexcept;
 bool IsVerbose() noexcept;
 
+// Loads a DLL by its full path; the DLLs it imports come from its own folder
+// and System32 only.
+HMODULE LoadFromFolderOf(const std::wstring& path);
+
 // Raises HostError for a failed HRESULT, describing `what` was attempted.
 void Check(HRESULT hr, const std::wstring& what);
 

@@ -46,7 +46,7 @@ const DataLayerApi& Api() {
   static const DataLayerApi api = [] {
     DataLayerApi loaded;
     const std::wstring path = ProgramDirectory() + L"DataLayer.dll";
-    HMODULE library = LoadLibraryW(path.c_str());
+    HMODULE library = LoadFromFolderOf(path);
     if (library == nullptr) throw HostError(HRESULT_FROM_WIN32(GetLastError()), L"loading " + path);
     auto bind = [&](auto& slot, const char* name) {
       slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(

@@ -101,11 +101,15 @@ int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, cons
     if (metricsPath.empty() && config.metrics) metricsPath = config.metrics->path;
     const ULONGLONG metricsInterval =
         static_cast<ULONGLONG>(config.metrics ? config.metrics->intervalSeconds : 15) * 1000;
+    std::wstring lastNotes;
     auto writeMetrics = [&] {
-      std::wstring error;
-      if (metrics && !metrics->Write(&error)) {
+      std::wstring error, notes;
+      if (metrics && !metrics->Write(&error, &notes)) {
         Say("metrics: cannot write %s: %s", Narrow(metrics->Path()).c_str(), Narrow(error).c_str());
       }
+      // Said once, not at every write.
+      if (!notes.empty() && notes != lastNotes) Say("metrics: %s", Narrow(notes).c_str());
+      lastNotes = notes;
     };
     if (!metricsPath.empty()) {
       metrics = std::make_unique<MetricsWriter>(metricsPath, config, host);

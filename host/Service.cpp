@@ -12,6 +12,7 @@
 #include "ModuleHost.h"
 #include "Runner.h"
 #include "Settings.h"
+#include "Trust.h"
 
 namespace Host {
 
@@ -162,6 +163,10 @@ void WINAPI ServiceMain(DWORD, wchar_t**) {
   DWORD code = 0;
   bool running = false;
   try {
+    // Nothing is read or loaded from a file that someone other than an
+    // administrator could have written.
+    std::vector<Problem> untrusted = UntrustedInputs(options.configFile);
+    if (!untrusted.empty()) throw ConfigError(std::move(untrusted));
     // Settings from the configuration must be in the environment before the
     // module loads.
     const Config config = options.configFile.empty() ? DefaultConfig(ProgramDirectory())

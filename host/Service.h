@@ -20,7 +20,9 @@ constexpr wchar_t kHostEventLog[] = L"Application";
 
 // Service-specific exit codes of a service that could not start or failed.
 enum ServiceExitCode : unsigned long {
-  kServiceConfigUnreadable = 1,  // the configuration file cannot be read or is invalid
+  // The configuration cannot be read or is invalid, or a file the service
+  // would act on may be changed by others than administrators.
+  kServiceConfigUnreadable = 1,
   kServiceConfigRejected = 2,    // the module refused the configuration
   kServiceCallFailed = 3,        // the module or a system call failed
 };

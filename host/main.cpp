@@ -19,6 +19,7 @@
 #include "Runner.h"
 #include "Service.h"
 #include "Settings.h"
+#include "Trust.h"
 
 namespace {
 
@@ -61,6 +62,10 @@ Config LoadBeforeModule(const Arguments& arguments) {
 }
 
 int Run(const Arguments& arguments) {
+  // At a prompt the administrator decides; the service would refuse these.
+  for (const Problem& problem : UntrustedInputs(arguments.config.empty() ? L"" : Absolute(arguments.config))) {
+    Say("warning: %s", Narrow(problem.Text()).c_str());
+  }
   const Config config = LoadBeforeModule(arguments);
   ModuleHost host;
   g_stopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -100,13 +105,22 @@ int Request(const Arguments& arguments) {
 // Reads, checks against the module and looks at the machine; `config`
 // receives what was read.
 CheckReport CheckFile(const Arguments& arguments, Config& config) {
-  std::vector<Problem> problems;
+  std::vector<Problem> problems = UntrustedInputs(arguments.config.empty() ? L"" : Absolute(arguments.config));
   config = arguments.config.empty() ? DefaultConfig(ProgramDirectory())
                                     : ReadConfig(Widen(arguments.config), ProgramDirectory(), problems);
   config.ApplyGlobalSettings();
-  // A file that could not be parsed at all has nothing for the module.
+  // A file that could not be parsed at all has nothing for the module, and a
+  // module from a folder that others may write to is not loaded, not even to
+  // check a configuration.
+  const std::wstring program = ProgramDirectory();
   for (const Problem& problem : problems) {
     if (problem.place == L"file" || problem.place.rfind(L"line ", 0) == 0) return CheckReport{problems};
+    const std::wstring file = problem.file + L"\\";
+    if (file.size() >= program.size() &&
+        CompareStringOrdinal(file.c_str(), static_cast<int>(program.size()), program.c_str(),
+                             static_cast<int>(program.size()), TRUE) == CSTR_EQUAL) {
+      return CheckReport{problems};
+    }
   }
   ModuleHost host;
   return CheckConfiguration(host, config, std::move(problems));
@@ -204,6 +218,9 @@ std::string CheckServiceName(const std::string& name) {
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
+  // A DLL named without a path comes from System32 only, never from the
+  // current or a PATH folder; the module's own DLLs are loaded by full path.
+  SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
   SetConsoleOutputCP(CP_UTF8);
   std::vector<std::string> utf8;
   for (int i = 0; i < argc; ++i) utf8.push_back(Narrow(argv[i]));

@@ -71,6 +71,23 @@ for file in wd64host.exe WatchDog64.dll DataLayer.dll CoreErrorMessages.dll Core
 done
 args=()
 for query in "${queries[@]}"; do args+=(-q "$query"); done
+
+# The program, configuration and metrics folders get a protected DACL
+# (SYSTEM and Administrators full control, Users read and execute) when
+# CreateFolders makes them, before any file is installed into them: the
+# service runs what they hold as LocalSystem. A folder that already exists
+# gets the DACL too; whoever owns it stays its owner, and a file already in it
+# is not trusted for that: the service judges its owner and DACL at start.
+sddl='D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)'
+{
+  printf 'MsiLockPermissionsEx\tLockObject\tTable\tSDDLText\tCondition\r\n'
+  printf 's72\ts72\ts32\ts0\tS255\r\n'
+  printf 'MsiLockPermissionsEx\tMsiLockPermissionsEx\r\n'
+  for folder in INSTALLDIR CONFIGDIR METRICSDIR; do
+    printf 'Lock%s\t%s\tCreateFolder\t%s\t\r\n' "$folder" "$folder" "$sddl"
+  done
+} > "$work/MsiLockPermissionsEx.idt"
+args+=(-i "$work/MsiLockPermissionsEx.idt")
 msibuild "$work/package.msi" "${args[@]}"
 mkdir -p "$(dirname "$output")"
 mv "$work/package.msi" "$output"

@@ -1,17 +1,21 @@
 // wd64host run as a separate process under Wine, the way an administrator
-// runs it: the exit code and output of each command, configuration errors,
-// and the service's life in Wine's service manager.
+// runs it, with a real service for the watcher to stop; the configuration
+// reader and the trust decision in-process.
 
 #include <gtest/gtest.h>
 #include <windows.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "Config.h"
+#include "ErrorHandling.h"
 #include "ModulePath.h"
+#include "Processes.h"
+#include "Trust.h"
 
 namespace fs = std::filesystem;
 
@@ -55,13 +59,6 @@ Result RunHost(const std::wstring& arguments, DWORD timeoutMs = 60000) {
   return result;
 }
 
-// Every piece must appear in the output.
-void ExpectOutput(const Result& result, std::initializer_list<const char*> pieces) {
-  for (const char* piece : pieces) {
-    EXPECT_NE(result.output.find(piece), std::string::npos) << piece << "\n" << result.output;
-  }
-}
-
 fs::path TestFolder(const char* name) {
   const fs::path folder = fs::path(Kestrel::ModuleDirectory()) / L"host-tests" / name;
   fs::remove_all(folder);
@@ -87,52 +84,14 @@ std::string Json(const fs::path& path) {
   return "\"" + escaped + "\"";
 }
 
-struct ScCloser {
-  void operator()(SC_HANDLE handle) const noexcept { CloseServiceHandle(handle); }
-};
-using ScHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ScCloser>;
-
-DWORD WaitForState(SC_HANDLE service, DWORD wanted, DWORD timeoutMs) {
-  SERVICE_STATUS status{};
-  for (DWORD waited = 0; waited < timeoutMs; waited += 100) {
-    if (QueryServiceStatus(service, &status) && status.dwCurrentState == wanted) break;
-    Sleep(100);
-  }
-  return status.dwCurrentState;
-}
-
-// A running test_service.exe registered under `name`; removed again on exit.
-class RunningService {
- public:
-  explicit RunningService(const wchar_t* name) : m_manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)) {
-    const std::wstring binary = L"\"" + Kestrel::ModuleDirectory() + L"test_service.exe\"";
-    m_service.reset(CreateServiceW(m_manager.get(), name, name, SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
-                                   SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, binary.c_str(), nullptr, nullptr,
-                                   nullptr, nullptr, nullptr));
-    if (m_service) StartServiceW(m_service.get(), 0, nullptr);
-  }
-  ~RunningService() {
-    if (!m_service) return;
-    SERVICE_STATUS status{};
-    ControlService(m_service.get(), SERVICE_CONTROL_STOP, &status);
-    DeleteService(m_service.get());
-  }
-  SC_HANDLE Get() const { return m_service.get(); }
-
- private:
-  ScHandle m_manager;
-  ScHandle m_service;
-};
-
 TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   const fs::path folder = TestFolder("run");
   const fs::path logs = folder / "logs";
   fs::create_directories(logs);
   WriteFile(logs / "big.log", std::string(2 * 1024 * 1024 + 1, 'x'));
   WriteFile(logs / "small.log", "fresh\r\n");
-  RunningService service(L"WD64HostRunVictim");
-  ASSERT_NE(service.Get(), nullptr);
-  ASSERT_EQ(WaitForState(service.Get(), SERVICE_RUNNING, 10000), static_cast<DWORD>(SERVICE_RUNNING));
+  TestSupport::TestService service(L"WD64HostRunVictim");
+  ASSERT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
 
   ULARGE_INTEGER available{};
   ASSERT_TRUE(GetDiskFreeSpaceExW(folder.c_str(), &available, nullptr, nullptr));
@@ -167,14 +126,16 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
 
   const Result result = RunHost(L"run --for 5 --config \"" + config.wstring() + L"\"");
   EXPECT_EQ(result.exitCode, 0u) << result.output;
-  ExpectOutput(result, {"log packer: packed 1 file, 2097153 bytes into logs_", "free-space watcher: configured, 1 group(s)",
-                        "watchdog: configured, heartbeat every 1 s", "free-space watcher: stopped", "watchdog: stopped",
-                        "log packer: released"});
+  for (const char* piece : {"log packer: packed 1 file, 2097153 bytes into logs_",
+                            "free-space watcher: configured, 1 group(s)", "watchdog: configured, heartbeat every 1 s",
+                            "free-space watcher: stopped", "watchdog: stopped", "log packer: released"}) {
+    EXPECT_NE(result.output.find(piece), std::string::npos) << piece << "\n" << result.output;
+  }
 
   const std::string entries = ReadUtf16(events);
   EXPECT_NE(entries.find("EventId: 4302; Type: 'Error'(1)"), std::string::npos) << entries;
   EXPECT_NE(entries.find("WD64HostRunVictim"), std::string::npos) << entries;
-  EXPECT_EQ(WaitForState(service.Get(), SERVICE_STOPPED, 10000), static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_TRUE(TestSupport::WaitForServiceState(service.service, SERVICE_STOPPED, 10));
 
   EXPECT_FALSE(fs::exists(logs / "big.log"));
   EXPECT_TRUE(fs::exists(logs / "small.log"));
@@ -183,41 +144,6 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
     if (entry.path().filename().string().rfind("logs_", 0) == 0) ++archives;
   }
   EXPECT_EQ(archives, 1);
-}
-
-TEST(HostConfig, ErrorsNameTheFileAndThePlaceAndNothingStarts) {
-  const fs::path folder = TestFolder("config");
-  const fs::path events = folder / "events.log";
-  struct Case {
-    std::string text;
-    std::string expected;
-  };
-  const Case cases[] = {
-      {"{ \"watchdog\": { \"RefreshIntervalSeconds\": 30, } ",
-       "line 2, column 46: syntax error while parsing object key"},
-      {"{ \"watchdog\": { \"RefreshIntervalSeconds\": \"30\" } }",
-       "/watchdog/RefreshIntervalSeconds: expected a whole number"},
-      {"{ \"watchdg\": {} }", "/watchdg: unknown section"},
-      {"{ \"freeSpaceWatcher\": { \"groups\": [ { \"Paths\": [\"C:\\\\\"] } ] } }",
-       "/freeSpaceWatcher/groups/0: missing required key \"ServiceNames\""},
-      {"{ \"freeSpaceWatcher\": { \"ActionsPerformIntervalSec\": 3000000000 } }",
-       "/freeSpaceWatcher/ActionsPerformIntervalSec: must be 1 to 4294967"},
-      {"{ \"freeSpaceWatcher\": { \"groups\": [ { \"Paths\": [], \"ServiceNames\": [],"
-       " \"FreeSpaceWarningLowerBoundGB\": 1, \"FreeSpaceWarningLowerBoundMB\": 1024, \"FreeSpaceWarningLowerBoundGB\": 2 } ] } }",
-       "/freeSpaceWatcher/groups/0/FreeSpaceWarningLowerBoundMB: give"},
-  };
-  for (const Case& c : cases) {
-    const fs::path config = folder / "bad.jsonc";
-    WriteFile(config, "{ \"globalSettings\": { \"EventReporting\": { \"EventsLogFile\": " + Json(events) + " } },\n" +
-                          c.text.substr(1));
-    const Result result = RunHost(L"run --for 1 --config \"" + config.wstring() + L"\"");
-    EXPECT_EQ(result.exitCode, 2u) << c.text << "\n" << result.output;
-    ExpectOutput(result, {"bad.jsonc: "});
-    EXPECT_NE(result.output.find(c.expected), std::string::npos) << result.output;
-    EXPECT_EQ(result.output.find("running"), std::string::npos) << result.output;
-    EXPECT_EQ(result.output.find("configured"), std::string::npos) << result.output;
-  }
-  EXPECT_FALSE(fs::exists(events));
 }
 
 TEST(HostConfigParse, TypesRangesAndRelativePaths) {
@@ -244,14 +170,25 @@ TEST(HostConfigParse, TypesRangesAndRelativePaths) {
   Host::ReadConfigText(R"({ "watchdog": { "RefreshIntervalSeconds": 1.5, "RefreshIntervalSeconds": 2 },
                             "logPacker": { "LogsDirectoryPath": "", "LogFileMask": "*.log", "MaxLogFileAgeInHours": 1,
                                            "MaxLogFileSizeInMegabytes": -1 },
-                            "freeSpaceWatcher": { "groups": [ { "name": 7, "Paths": [""], "ServiceNames": [] } ] },
-                            "metrics": { "path": "m.prom", "every": 5 } })",
+                            "freeSpaceWatcher": { "groups": [ { "name": 7, "Paths": [""], "ServiceNames": [] },
+                              { "Paths": ["C:\\"], "FreeSpaceStopServicesLowerBoundGB": 1,
+                                "FreeSpaceStopServicesLowerBoundMB": 1 } ] },
+                            "metrics": { "path": "m.prom", "every": 5, "intervalSeconds": "5" }, "watchdg": {} })",
                        L"inline", L"", problems);
-  std::vector<std::wstring> places;
-  for (const Host::Problem& problem : problems) places.push_back(problem.place);
-  EXPECT_EQ(places, (std::vector<std::wstring>{L"/watchdog/RefreshIntervalSeconds", L"/freeSpaceWatcher/groups/0/Paths/0",
-                                               L"/freeSpaceWatcher/groups/0/name", L"/logPacker/LogsDirectoryPath",
-                                               L"/logPacker/MaxLogFileSizeInMegabytes", L"/metrics/every"}));
+  const char* expected[] = {"/watchdog/RefreshIntervalSeconds: key given twice",
+                            "/freeSpaceWatcher/groups/0/Paths/0: expected a non-empty string",
+                            "/freeSpaceWatcher/groups/0/name: expected a non-empty string",
+                            "/freeSpaceWatcher/groups/1: missing required key \"ServiceNames\"",
+                            "/freeSpaceWatcher/groups/1/FreeSpaceStopServicesLowerBoundMB: give",
+                            "/logPacker/LogsDirectoryPath: must not be empty",
+                            "/logPacker/MaxLogFileSizeInMegabytes: must be 0 to 9223372036854775807",
+                            "/metrics/every: unknown key",
+                            "/metrics/intervalSeconds: expected a whole number",
+                            "/watchdg: unknown section"};
+  ASSERT_EQ(problems.size(), std::size(expected));
+  for (std::size_t i = 0; i < problems.size(); ++i) {
+    EXPECT_EQ(Host::Narrow(problems[i].place + L": " + problems[i].message).rfind(expected[i], 0), 0u) << expected[i];
+  }
   EXPECT_THROW(Host::ParseConfig(R"([1, 2])", L"inline", L""), Host::ConfigError);
   const Host::Config defaults = Host::DefaultConfig(L"C:\\Module\\");
   EXPECT_EQ(defaults.source, L"<embedded default>");
@@ -285,6 +222,58 @@ TEST(HostConfigParse, DuplicateKeysAndEncodings) {
   EXPECT_EQ(utf8, "{}");
   EXPECT_FALSE(Host::DecodeText(little + "x", utf8));                 // odd length
   EXPECT_FALSE(Host::DecodeText(std::string("\xFF\xFE\x00\xD8", 4), utf8));  // a lone surrogate
+}
+
+// What the service judges before it reads or loads anything, and what an
+// administrator reads when it refuses. Wine keeps no owners or DACLs, so the
+// files' security descriptors are crafted SDDL, judged for LocalSystem.
+TEST(HostTrust, EveryInputAndItsFolderAreJudgedAndRefusalsNameWhoMayWrite) {
+  const std::wstring program = L"C:\\Program Files\\WatchDog64", data = L"C:\\ProgramData\\WatchDog64";
+  const std::wstring config = data + L"\\w.jsonc", dll = program + L"\\WatchDog64.dll", ini = L"C:\\Ini\\gs.ini";
+  const std::wstring exe = program + L"\\wd64host.exe", layer = program + L"\\DataLayer.dll";
+  const auto inputs = Host::InputsToTrust(exe, config, ini, {program + L"\\wd64host.ini", program + L"\\G.ini"});
+  const std::wstring locked = L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
+  std::map<std::wstring, std::wstring> disk{{L"C:\\", L"O:SYD:(A;OICI;FA;;;SY)(A;CI;LC;;;AU)(A;OICIIO;GA;;;CO)"}};
+  for (const std::wstring& path : {program, exe, dll, layer, data, config}) disk[path] = locked;
+  std::vector<std::wstring> asked;
+  auto refusals = [&] {
+    asked.clear();
+    std::vector<std::string> texts;
+    const auto judge = [&](const std::wstring& path) -> std::optional<Kestrel::TrustVerdict> {
+      asked.push_back(path);
+      if (!disk.count(path)) return std::nullopt;
+      if (disk[path].empty()) Kestrel::ThrowWin32(ERROR_ACCESS_DENIED);
+      return Kestrel::JudgeSddl(disk[path], L"S-1-5-18");
+    };
+    for (const Host::Problem& problem : Host::JudgeInputs(inputs, judge)) texts.push_back(Host::Narrow(problem.Text()));
+    return texts;
+  };
+  const std::string rule = " (only SYSTEM, Administrators, TrustedInstaller and the account the host runs as may own "
+                           "or change what it acts on)";
+
+  // Each file with the folder holding it, each folder once; a missing file by
+  // the nearest folder that would hold it: the drive's root, where any user
+  // may make the missing folder.
+  EXPECT_EQ(refusals(), std::vector<std::string>{"C:\\: folder that would hold the settings file (GLOBAL_SETTINGS_INI) "
+                                                 "C:\\Ini\\gs.ini: NT AUTHORITY\\Authenticated Users (S-1-5-11) may "
+                                                 "write to it" + rule});
+  EXPECT_EQ(asked, (std::vector<std::wstring>{program, exe, dll, layer, config, data, ini, L"C:\\Ini", L"C:\\",
+                                              program + L"\\wd64host.ini", program + L"\\G.ini"}));
+
+  // A module left open to everyone, one whose descriptor cannot be read, and
+  // a configuration a user planted in the folder ProgramData made.
+  disk[L"C:\\Ini"] = locked;
+  disk[dll] = L"O:BAD:(A;;FA;;;SY)(A;;FA;;;WD)";
+  disk[layer] = L"";
+  disk[data] = L"O:BAD:(A;OICIID;FA;;;SY)(A;OICIID;FA;;;BA)(A;CIID;DCLCRPCR;;;BU)";
+  disk[config] = L"O:S-1-5-21-7-7-7-1001D:(A;;FA;;;S-1-5-21-7-7-7-1001)(A;;FA;;;SY)";
+  const auto texts = refusals();
+  ASSERT_EQ(texts.size(), 4u);
+  EXPECT_EQ(texts[0], Host::Narrow(dll) + ": module: Everyone (S-1-1-0) may write to it" + rule);
+  EXPECT_EQ(texts[1].find(": module: its owner and access cannot be read: "), Host::Narrow(program).size() + 14);
+  EXPECT_EQ(texts[2], "C:\\ProgramData\\WatchDog64\\w.jsonc: configuration: S-1-5-21-7-7-7-1001 owns it" + rule);
+  EXPECT_EQ(texts[3], "C:\\ProgramData\\WatchDog64: folder of the configuration C:\\ProgramData\\WatchDog64\\w.jsonc: "
+                      "BUILTIN\\Users (S-1-5-32-545) may write to it" + rule);
 }
 
 }  // namespace

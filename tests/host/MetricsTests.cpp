@@ -24,10 +24,12 @@
 #include <thread>
 
 #include "Config.h"
+#include "Links.h"
 #include "Metrics.h"
 #include "ModuleHost.h"
 #include "ModulePath.h"
 #include "Processes.h"
+#include "platform/FileTrust.h"
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -353,9 +355,11 @@ TEST(MetricsWriter, MissingHeldOrVanishedTargetsFailCleanly) {
   const fs::path nowhere = folder / L"no-such-folder" / L"m.prom";
   Host::MetricsWriter lost(nowhere.wstring(), config, host);
   EXPECT_FALSE(lost.Write(&error));
-  EXPECT_NE(error.find(L"cannot write the metrics file " + nowhere.wstring() + L": creating "), std::wstring::npos)
+  EXPECT_NE(error.find(L"cannot write the metrics file " + nowhere.wstring() + L": opening its folder " +
+                       nowhere.parent_path().wstring() + L": "),
+            std::wstring::npos)
       << Utf8(error);
-  EXPECT_GT(error.size(), error.find(L".tmp: ") + 6) << "no system text: " << Utf8(error);
+  EXPECT_GT(error.size(), error.find(L"no-such-folder: ") + 16) << "no system text: " << Utf8(error);
   EXPECT_FALSE(fs::exists(nowhere.parent_path()));
 
   // A reader that does not let the target be replaced: the old text stays
@@ -398,6 +402,74 @@ TEST(MetricsWriter, MissingHeldOrVanishedTargetsFailCleanly) {
   EXPECT_TRUE(vanishing.Write(&error)) << Utf8(error);
   EXPECT_TRUE(Whole(ReadWhenOpen(comesAndGoes / L"m.prom")));
   EXPECT_EQ(Temporaries(comesAndGoes), 0);
+}
+
+// Links planted where the writer works, as anyone could plant them in a
+// folder that let them: no victim outside changes, and what the writer left
+// alone or refused it says.
+TEST(MetricsWriter, LinksAndPlantedTemporariesChangeNothingOutside) {
+  const fs::path base = fs::path(Kestrel::ModuleDirectory()) / L"metrics-tests";
+  const fs::path links = base / L"links", victims = base / L"victims", open = links / L"open";
+  TestSupport::RemoveTree(links.wstring());  // links as links, never their targets
+  fs::remove_all(victims);
+  fs::create_directories(open);
+  fs::create_directories(victims / L"folder");
+  const std::string kVictim = "a victim: stays as it is\n";
+  auto victim = [&](const wchar_t* name) {
+    std::ofstream(victims / name, std::ios::binary) << kVictim;
+    return (victims / name).wstring();
+  };
+  const auto config = Watching({Group({base.wstring()})});
+  Host::ModuleHost host;
+  std::wstring error, notes;
+  auto write = [&](const fs::path& target) {
+    return Host::MetricsWriter(target.wstring(), config, host).Write(&error, &notes);
+  };
+
+  // A symbolic or hard link at the file's name is replaced, not written through.
+  TestSupport::MakeLink(victim(L"symbolic.txt"), (links / L"s.prom").wstring(), true);
+  TestSupport::MakeLink(victim(L"hard.txt"), (links / L"h.prom").wstring(), false);
+  EXPECT_TRUE(write(links / L"s.prom") && write(links / L"h.prom")) << Utf8(error);
+  EXPECT_TRUE(Whole(ReadWhenOpen(links / L"s.prom")) && Whole(ReadWhenOpen(links / L"h.prom")));
+
+  // Temporaries as an ended writer left them: links to victims are left
+  // alone and named, a plain file goes. Names this process would once have
+  // taken next no longer block it.
+  const std::wstring stale = (links / L"w.prom.4000000000-").wstring();
+  const std::wstring own = (links / L"w.prom.").wstring() + std::to_wstring(GetCurrentProcessId()) + L"-0.tmp";
+  TestSupport::MakeLink(victim(L"stale-symbolic.txt"), stale + L"0.tmp", true);
+  TestSupport::MakeLink(victim(L"stale-hard.txt"), stale + L"1.tmp", false);
+  for (const std::wstring& planted : {stale + L"2.tmp", own}) std::ofstream(fs::path(planted)) << "planted";
+  EXPECT_TRUE(write(links / L"w.prom")) << Utf8(error);
+  EXPECT_NE(notes.find(L"left w.prom.4000000000-0.tmp alone: a link"), std::wstring::npos) << Utf8(notes);
+  EXPECT_NE(notes.find(L"left w.prom.4000000000-1.tmp alone: a file with more than one name"), std::wstring::npos);
+  EXPECT_FALSE(fs::exists(stale + L"2.tmp"));
+  EXPECT_TRUE(fs::exists(own));  // a living writer's, as far as anyone can tell
+
+  // A folder that is a link, or one that others may write to (Wine shows a
+  // Unix mode open to all as Everyone writing), is refused before anything
+  // is written into or removed from it.
+  victim(L"folder\\w.prom");
+  victim(L"folder\\w.prom.4000000000-0.tmp");
+  TestSupport::MakeLink((victims / L"folder").wstring(), (links / L"folder").wstring(), true);
+  EXPECT_FALSE(write(links / L"folder" / L"w.prom"));
+  EXPECT_NE(error.find(L"is a link or junction"), std::wstring::npos) << Utf8(error);
+  TestSupport::RunUnix(L"/bin/chmod", "777 \"" + TestSupport::UnixPath(open.wstring()) + "\"",
+                       [&] { return !Kestrel::JudgeFile(open.wstring()).bTrusted; });
+  EXPECT_FALSE(write(open / L"w.prom"));
+  EXPECT_NE(error.find(L"is not safe to write into: Everyone (S-1-1-0) may write to it"), std::wstring::npos);
+  EXPECT_TRUE(fs::is_empty(open));
+
+  int count = 0, touched = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(victims)) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream in(entry.path(), std::ios::binary);
+    count += 1;
+    touched += std::string(std::istreambuf_iterator<char>(in), {}) != kVictim;
+  }
+  std::printf("links planted: 6 victims, %d changed or gone\n", 6 - count + touched);
+  EXPECT_EQ(6 - count + touched, 0);
+  TestSupport::RemoveTree(links.wstring());
 }
 
 TEST(MetricsWriter, ReadersNeverSeeAPartialFileAndKilledWritersLoseNothing) {

@@ -114,10 +114,29 @@ class CommandLine(unittest.TestCase):
             self.assertEqual(rc.returncode, 1)
             self.assertIn(missing, envelope(rc.stdout.decode("utf-8"))["error"]["message"])
 
+        # A program folder that others may add to is refused by check and by
+        # service install, before any module of it is loaded.
+        shutil.copy(os.path.join(BIN, "WatchDog64.dll"), alone)
+        os.chmod(alone, 0o777)
+        for args in (["check"], ["service", "install", "--name", "WD64PyOpenFolder"]):
+            done = subprocess.run([WINE_RUN, PREFIX, lonely, *args], capture_output=True, env=environment, timeout=120)
+            out = done.stdout.decode("utf-8", "replace")
+            self.assertEqual(done.returncode, 2, (args, out))
+            self.assertIn(f"{win(alone)}: program folder: Everyone (S-1-1-0) may write to it {RULE}", out)
+        self.assertEqual(host("service", "status", "--name", "WD64PyOpenFolder")[0], 1)
+
+
+# What every refusal of a file others may change ends with.
+RULE = ("(only SYSTEM, Administrators, TrustedInstaller and the account the host runs as may own or change what it "
+        "acts on)")
+
 
 class Check(unittest.TestCase):
     def test_every_problem_with_file_and_place(self):
         base = folder("check")
+        # Wine shows a Unix mode open to all as Everyone holding write access,
+        # the one owner or DACL fault it can show.
+        os.chmod(base, 0o777)
         bad = os.path.join(base, "bad.jsonc")
         write(bad, """{
   "globalSettings": { "Loger": { "MaxSeverity": "INFO" },
@@ -147,12 +166,16 @@ class Check(unittest.TestCase):
                             ("/logPacker/LogFileMask", "key given twice"),
                             ("/metrics/intervalSeconds", "must be 1 to 86400")):
             self.assertIn(f"{name}: {place}: {text}", out)
-        self.assertIn("13 error(s)", out)
+        untrusted = f"{win(base)}: folder of the configuration {name}: Everyone (S-1-1-0) may write to it {RULE}"
+        self.assertIn(untrusted, out)
+        self.assertIn("14 error(s)", out)
 
-        # The same file stops `run` before anything starts, with the same texts.
+        # The same file stops `run` before anything starts, with the same
+        # texts; at a prompt the folder is only warned about.
         rc, out, err = host("run", "--for", "1", "--config", win(bad))
         self.assertEqual(rc, 2, out + err)
         self.assertIn(f"{name}: /watchdog/RefreshIntervalSeconds: must be 1 to", err)
+        self.assertRegex(out, r"(?m)^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d warning: " + re.escape(untrusted) + r"\r?$")
         self.assertNotIn("running", out)
 
     def test_the_sample_configuration_is_valid(self):
@@ -507,6 +530,11 @@ class Service(ServicePrefix):
         self.assertEqual(rc, 1, out)
         rc, out = self.svc("service", "status", "--name", self.NAME)
         self.assertIn("stopped, last exit: service-specific code 1", out)
+        write(config, '{ "watchdog": { "RefreshIntervalSeconds": 30 } }')
+        os.chmod(config, 0o666)
+        rc, out = self.svc("service", "start", "--name", self.NAME)
+        self.assertEqual(rc, 1, out)
+        self.assertIn("service-specific code 1", self.svc("service", "status", "--name", self.NAME)[1])
         subprocess.run([WINESERVER, "-w"], env=dict(os.environ, WINEPREFIX=os.path.abspath(SERVICE_PREFIX)),
                        timeout=120)
         self.log.flush()
@@ -516,6 +544,10 @@ class Service(ServicePrefix):
         errors = re.findall(r"err:eventlog:ReportEventW (.*)", trace)
         self.assertIn(f'L"{self.NAME}"', errors)
         self.assertTrue(any("line 1, column 47: syntax error" in line for line in errors), errors)
+        # A configuration others may change is not read at all: same code, and
+        # the event names the file and who may write to it.
+        self.assertTrue(any("jsonc: configuration: Everyone (S-1-1-0) may write to it" in line for line in errors),
+                        errors)
         self.assertTrue(re.search(r"trace:eventlog:ReportEventW L\"configured\"", trace))
 
         rc, out = self.svc("service", "uninstall", "--name", self.NAME)

@@ -211,11 +211,65 @@ def check_release(stage_dir, version):
     check("\r\n" in notices and "\n" not in notices.replace("\r\n", ""), "notices have Windows line ends")
 
 
+# Rights that let a principal change a file, add to a folder or replace either
+# (write data, append or add a folder, extended attributes, delete child,
+# attributes, delete, write DAC, write owner, generic write, generic all).
+WRITE_RIGHTS = 0x2 | 0x4 | 0x10 | 0x40 | 0x100 | 0x10000 | 0x40000 | 0x80000 | 0x40000000 | 0x10000000
+SDDL_RIGHTS = {"GA": 0x10000000, "GR": 0x80000000, "GW": 0x40000000, "GX": 0x20000000, "SD": 0x10000,
+               "RC": 0x20000, "WD": 0x40000, "WO": 0x80000, "FA": 0x1F01FF, "FR": 0x120089, "FW": 0x120116,
+               "FX": 0x1200A0, "CC": 0x1, "DC": 0x2, "LC": 0x4, "SW": 0x8, "RP": 0x10, "WP": 0x20, "DT": 0x40,
+               "LO": 0x80, "CR": 0x100}
+
+
+def table(msi, name):
+    """A table's rows as dicts, read back with msiinfo export."""
+    text = subprocess.run(["msiinfo", "export", str(msi), name], capture_output=True, check=True).stdout.decode()
+    lines = text.split("\r\n") if "\r\n" in text else text.split("\n")
+    columns = lines[0].split("\t")
+    return [dict(zip(columns, line.split("\t"))) for line in lines[3:] if line]
+
+
+def rights(text):
+    if re.fullmatch(r"0[xX][0-9a-fA-F]+", text):
+        return int(text, 16)
+    return sum(SDDL_RIGHTS[text[i:i + 2]] for i in range(0, len(text), 2))
+
+
+def check_locked_folders(msi):
+    """The program, configuration and metrics folders are made with a protected
+    DACL before any file is installed: SYSTEM and Administrators full control,
+    Users read and execute, nobody else anything that writes."""
+    locks = {row["LockObject"]: row for row in table(msi, "MsiLockPermissionsEx")}
+    created = {row["Directory_"] for row in table(msi, "CreateFolder")}
+    directories = {row["Directory"]: row for row in table(msi, "Directory")}
+    order = {row["Action"]: int(row["Sequence"]) for row in table(msi, "InstallExecuteSequence")}
+    check(set(locks) == {"INSTALLDIR", "CONFIGDIR", "METRICSDIR"} and set(locks) <= created
+          and all(row["Table"] == "CreateFolder" and not row.get("Condition") for row in locks.values()),
+          f"lock rows for the program, configuration and metrics folders: {sorted(locks)}, created {sorted(created)}")
+    check(directories.get("METRICSDIR", {}).get("Directory_Parent") == "INSTALLDIR"
+          and directories["METRICSDIR"]["DefaultDir"].endswith("Metrics"), "the Metrics folder lies in INSTALLDIR")
+    check(order.get("CreateFolders", 1 << 30) < order.get("InstallFiles", 0),
+          "folders are made and locked before files are installed")
+    tables = subprocess.run(["msiinfo", "tables", str(msi)], capture_output=True, check=True).stdout.decode().split()
+    check("LockPermissions" not in tables, "no LockPermissions table beside it (Windows Installer 5 refuses both)")
+    for folder, row in locks.items():
+        sddl = row["SDDLText"]
+        aces = [ace.split(";") for ace in re.findall(r"\(([^)]*)\)", sddl)]
+        granted = {ace[5]: rights(ace[2]) for ace in aces if ace[0] == "A" and "IO" not in ace[1]}
+        writers = sorted(sid for sid, mask in granted.items() if mask & WRITE_RIGHTS and sid not in ("SY", "BA"))
+        check(sddl.startswith("D:P") and all(ace[1] == "OICI" for ace in aces)
+              and granted.get("SY") == 0x1F01FF and granted.get("BA") == 0x1F01FF
+              and granted.get("BU") == 0x1200A9 and not writers,
+              f"{folder}: protected, inherited below, SYSTEM and Administrators full, Users read and execute, "
+              f"no other writer: {sddl} (writers: {writers})")
+
+
 def check_installed(install_dir, config, source, log, version, arguments_extra=""):
     """VERSION is the binaries' file version (the same binaries go into both packages)."""
     folder = linux_path(install_dir)
     missing = [n for n in SHIPPED + DOCUMENTS if not (folder / n).is_file()]
-    check(not missing, f"installed files under {install_dir} (missing: {missing})")
+    check(not missing and (folder / "Metrics").is_dir(),
+          f"installed files and the Metrics folder under {install_dir} (missing: {missing})")
     versions = {n: (pe_info.PeFile(folder / n).version_resource() or ((None,),))[0][0] for n in SHIPPED}
     check(set(versions.values()) == {version}, f"installed binaries carry version {version}: {versions}")
     host = values(rf"{EVENTLOG_KEY}\Application\WatchDog64") or {}
@@ -285,6 +339,7 @@ def main():
     for msi, msi_version in ((new_msi, version), (old_msi, older)):
         subprocess.run([str(SOURCE / "scripts/package/build-msi.sh"), str(stage_dir), msi_version, str(msi)],
                        check=True)
+    check_locked_folders(new_msi)
     new, old = windows_path(new_msi), windows_path(old_msi)
     default_dir = "C:\\Program Files\\WatchDog64\\"
     default_config = "C:\\ProgramData\\WatchDog64\\watchdog64.jsonc"
