@@ -1,6 +1,6 @@
 #include "Settings.h"
 
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 
 namespace Host {
 

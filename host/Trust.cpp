@@ -6,7 +6,7 @@
 
 #include "ErrorHandling.h"
 #include "ModuleHost.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "Settings.h"
 
 namespace Host {

@@ -13,12 +13,12 @@
 
 #include "Links.h"
 #include "LogCapture.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "Processes.h"
 #include "logger/Logger.h"
 #include "logger/detail/DebugOutput.h"
 #include "logger/detail/LoggerCore.h"
-#include "settings/TickCount.h"
+#include "platform/TickCount.h"
 
 namespace DiagTest {
 
@@ -39,10 +39,10 @@ struct ScopedEnv {
 // The tick count, moved by hand.
 struct ScopedTicks {
   explicit ScopedTicks(DWORD start) { s_value = start; }
-  ~ScopedTicks() { GlobalSettings::Detail::SetTickSource(previous); }
+  ~ScopedTicks() { Kestrel::SetTickSource(previous); }
   void Advance(DWORD ms) { s_value += ms; }
   static inline std::atomic<DWORD> s_value{0};
-  GlobalSettings::Detail::TickSource previous = GlobalSettings::Detail::SetTickSource([] { return s_value.load(); });
+  Kestrel::TickSource previous = Kestrel::SetTickSource([] { return s_value.load(); });
 };
 
 // What the logging code sends to the debugger output.

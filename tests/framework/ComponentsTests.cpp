@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "Processes.h"
 #include "components/ComponentInterfaces.h"
 

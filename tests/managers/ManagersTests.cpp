@@ -17,7 +17,7 @@
 #include "ErrorHandling.h"
 #include "Handle.h"
 #include "LogCapture.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "Path.h"
 #include "ProcessEnumerator.h"
 #include "Processes.h"

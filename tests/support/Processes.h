@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Handle.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "ServiceHandle.h"
 
 namespace TestSupport {

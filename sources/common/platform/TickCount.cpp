@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-namespace GlobalSettings::Detail {
+namespace Kestrel {
 
 namespace {
 DWORD SystemTicks() { return ::GetTickCount(); }
@@ -15,4 +15,4 @@ TickSource SetTickSource(TickSource source) noexcept {
   return g_tickSource.exchange(source != nullptr ? source : &SystemTicks);
 }
 
-}  // namespace GlobalSettings::Detail
+}  // namespace Kestrel

@@ -6,7 +6,7 @@
 
 #include <windows.h>
 
-namespace GlobalSettings::Detail {
+namespace Kestrel {
 
 using TickSource = DWORD (*)();
 
@@ -15,4 +15,4 @@ DWORD TickCount() noexcept;
 // Installs a source (null restores GetTickCount); returns the previous one.
 TickSource SetTickSource(TickSource source) noexcept;
 
-}  // namespace GlobalSettings::Detail
+}  // namespace Kestrel
