@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "ErrorHandling.h"
-#include "EventSourceRegistration.h"
+#include "module/EventSourceRegistration.h"
 #include "Links.h"
 #include "LogCapture.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "events/Detail/EventlogWriter.h"
 #include "events/Detail/FileLogEventWriter.h"
 #include "events/EventReporting.h"

@@ -5,17 +5,20 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "Config.h"
 #include "ErrorHandling.h"
-#include "ModulePath.h"
 #include "Processes.h"
-#include "Trust.h"
+#include "config/Check.h"
+#include "config/Config.h"
+#include "config/Trust.h"
+#include "module/ModuleHost.h"
+#include "platform/ModulePath.h"
 
 namespace fs = std::filesystem;
 
@@ -121,16 +124,23 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
                 "  \"logPacker\": { \"LogsDirectoryPath\": " +
                 Json(logs) +
                 ", \"LogFileMask\": \"*.log\",\n"
-                "    \"MaxLogFileAgeInHours\": 24, \"MaxLogFileSizeInMegabytes\": 2 }\n"
+                "    \"MaxLogFileAgeInHours\": 24, \"MaxLogFileSizeInMegabytes\": 2 },\n"
+                "  \"metrics\": { \"intervalSeconds\": 1 }\n"
                 "}\n");
 
-  const Result result = RunHost(L"run --for 5 --config \"" + config.wstring() + L"\"");
+  const fs::path metrics = folder / "wd64.prom";
+  const Result result =
+      RunHost(L"run --for 5 --config \"" + config.wstring() + L"\" --metrics-file \"" + metrics.wstring() + L"\"");
   EXPECT_EQ(result.exitCode, 0u) << result.output;
   for (const char* piece : {"log packer: packed 1 file, 2097153 bytes into logs_",
                             "free-space watcher: configured, 1 group(s)", "watchdog: configured, heartbeat every 1 s",
                             "free-space watcher: stopped", "watchdog: stopped", "log packer: released"}) {
     EXPECT_NE(result.output.find(piece), std::string::npos) << piece << "\n" << result.output;
   }
+  // The section's interval holds for a file named on the command line.
+  EXPECT_NE(result.output.find("metrics: written to " + Host::Narrow(metrics.wstring()) + " every 1 s"),
+            std::string::npos) << result.output;
+  EXPECT_TRUE(fs::exists(metrics));
 
   const std::string entries = ReadUtf16(events);
   EXPECT_NE(entries.find("EventId: 4302; Type: 'Error'(1)"), std::string::npos) << entries;
@@ -193,6 +203,75 @@ TEST(HostConfigParse, TypesRangesAndRelativePaths) {
   const Host::Config defaults = Host::DefaultConfig(L"C:\\Module\\");
   EXPECT_EQ(defaults.source, L"<embedded default>");
   EXPECT_EQ(defaults.watcher->groups.size(), 1u);
+}
+
+// Each range key at its exact minimum and maximum, and one beyond each: the
+// ranges inside which the module's own arithmetic does not wrap.
+TEST(HostConfigParse, EveryRangeKeyTakesItsBoundsAndRefusesOneBeyond) {
+  const nlohmann::json base = nlohmann::json::parse(R"({
+      "freeSpaceWatcher": { "groups": [ { "Paths": ["C:\\"], "ServiceNames": [] } ] },
+      "watchdog": { "RefreshIntervalSeconds": 30 },
+      "logPacker": { "LogsDirectoryPath": "C:\\", "LogFileMask": "*.log", "MaxLogFileAgeInHours": 1,
+                     "MaxLogFileSizeInMegabytes": 1 },
+      "metrics": {} })");
+  constexpr std::int64_t kInt32Max = 2147483647, kInt64Max = 9223372036854775807;
+  const struct {
+    const char* section;
+    const char* key;
+    std::int64_t minimum, maximum;
+  } ranges[] = {
+      {"/freeSpaceWatcher", "ActionsPerformIntervalSec", 1, 4294967},
+      {"/freeSpaceWatcher/groups/0", "EventResendTimeoutSec", 1, 2147483},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceRecommendedMinimumGB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceRecommendedMinimumMB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceWarningLowerBoundGB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceWarningLowerBoundMB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceStopServicesLowerBoundGB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceStopServicesLowerBoundMB", 0, kInt32Max},
+      {"/watchdog", "RefreshIntervalSeconds", 1, 4294967},
+      {"/logPacker", "MaxLogFileAgeInHours", 0, kInt64Max},
+      {"/logPacker", "MaxLogFileSizeInMegabytes", 0, kInt64Max},
+      {"/logPacker", "PackIntervalSeconds", 1, 4294967},
+      {"/metrics", "intervalSeconds", 1, 86400},
+  };
+  for (const auto& range : ranges) {
+    const std::string place = std::string(range.section) + "/" + range.key;
+    const std::pair<nlohmann::json, bool> values[] = {{range.minimum, true},
+                                                      {range.maximum, true},
+                                                      {range.minimum - 1, false},
+                                                      {static_cast<std::uint64_t>(range.maximum) + 1, false}};
+    for (const auto& [value, accepted] : values) {
+      nlohmann::json document = base;
+      document[nlohmann::json::json_pointer(range.section)][range.key] = value;
+      std::vector<Host::Problem> problems;
+      Host::ReadConfigText(document.dump(), L"inline", L"C:\\Module\\", problems);
+      // The bounds' order is judged at the group, not at the key.
+      const bool refused = std::any_of(problems.begin(), problems.end(),
+                                       [&](const Host::Problem& p) { return Host::Narrow(p.place) == place; });
+      EXPECT_EQ(refused, !accepted) << place << " = " << value.dump();
+    }
+  }
+}
+
+// A configuration the reader takes but the module refuses is an error at
+// the place of the part the module refused: each watch group is tried alone.
+TEST(HostCheck, TheModulesRefusalIsAnErrorAtItsGroup) {
+  const std::string folder = Host::Narrow(Kestrel::ModuleDirectory());
+  const nlohmann::json group{{"Paths", {folder}}, {"ServiceNames", nlohmann::json::array()}};
+  Host::Config config = Host::ParseConfig(nlohmann::json{{"freeSpaceWatcher", {{"groups", {group, group}}}}}.dump(),
+                                          L"inline", Kestrel::ModuleDirectory());
+  // Past the reader: a stop bound above the warning bound's default.
+  config.watcher->groups[1].values.emplace_back(L"FreeSpaceStopServicesLowerBoundGB",
+                                                Host::Value{Host::ValueKind::Int32, 50});
+  Host::ModuleHost host;
+  const Host::CheckReport report = Host::CheckConfiguration(host, config, {});
+  ASSERT_EQ(report.Errors(), 1u);
+  for (const Host::Problem& problem : report.problems) {
+    if (problem.warning) continue;
+    EXPECT_EQ(problem.place, L"/freeSpaceWatcher/groups/1");
+    EXPECT_EQ(Host::Narrow(problem.message).rfind("the module refuses it: 0x80070057 ", 0), 0u)
+        << Host::Narrow(problem.message);
+  }
 }
 
 TEST(HostConfigParse, DuplicateKeysAndEncodings) {
