@@ -4,14 +4,12 @@
 #include <windows.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "Links.h"
+#include "Files.h"
 #include "LogCapture.h"
 #include "platform/ModulePath.h"
 #include "Processes.h"
@@ -62,30 +60,10 @@ struct DebugCapture {
   });
 };
 
-// A fresh directory under %TEMP%, removed with its contents afterwards from
-// the Linux side, so links in it go as links.
-struct TempDir {
-  TempDir() { std::filesystem::create_directory(path); }
-  ~TempDir() { TestSupport::RemoveTree(path); }
-  std::wstring File(const std::wstring& name) const { return path + name; }
-  static inline std::atomic<unsigned> s_count{0};
-  const std::wstring path = (std::filesystem::temp_directory_path() / L"wd64diag-").wstring() +
-                            std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(s_count++) + L"\\";
-};
-
-inline std::string ReadBytes(const std::wstring& path) {
-  std::ifstream in(std::filesystem::path(path), std::ios::binary);
-  return std::string{std::istreambuf_iterator<char>(in), {}};
-}
-
-inline std::wstring ReadUtf16(const std::wstring& path) {
-  const std::string bytes = ReadBytes(path);
-  return std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / 2);
-}
-
-inline void WriteText(const std::wstring& path, const std::string& bytes) {
-  std::ofstream(std::filesystem::path(path), std::ios::binary) << bytes;
-}
+using TestSupport::ReadBytes;
+using TestSupport::ReadUtf16;
+using TestSupport::WriteText;
+using TestSupport::TempDir;
 
 // Runs this test program again with a filter and one more variable.
 inline DWORD RunSelf(const std::wstring& filter, const std::wstring& name, const std::wstring& value) {

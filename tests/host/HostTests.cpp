@@ -13,6 +13,7 @@
 #include <string>
 
 #include "ErrorHandling.h"
+#include "Files.h"
 #include "Processes.h"
 #include "config/Check.h"
 #include "config/Config.h"
@@ -24,42 +25,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Result {
-  DWORD exitCode = 0xFFFFFFFF;
-  std::string output;  // stdout and stderr together
-};
+using Result = TestSupport::Finished;
 
 // Runs wd64host.exe with `arguments` and waits at most `timeoutMs`.
 Result RunHost(const std::wstring& arguments, DWORD timeoutMs = 60000) {
-  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-  HANDLE readPipe = nullptr, writePipe = nullptr;
-  CreatePipe(&readPipe, &writePipe, &inherit, 0);
-  SetHandleInformation(readPipe, HANDLE_FLAG_INHERIT, 0);
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = writePipe;
-  startup.hStdError = writePipe;
-  startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-  std::wstring command = L"\"" + Kestrel::ModuleDirectory() + L"wd64host.exe\" " + arguments;
-  PROCESS_INFORMATION process{};
-  Result result;
-  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
-    result.output = "cannot start wd64host.exe";
-    CloseHandle(readPipe);
-    CloseHandle(writePipe);
-    return result;
-  }
-  CloseHandle(writePipe);
-  char buffer[4096];
-  DWORD read = 0;
-  while (ReadFile(readPipe, buffer, sizeof buffer, &read, nullptr) && read > 0) result.output.append(buffer, read);
-  CloseHandle(readPipe);
-  if (WaitForSingleObject(process.hProcess, timeoutMs) != WAIT_OBJECT_0) TerminateProcess(process.hProcess, 999);
-  GetExitCodeProcess(process.hProcess, &result.exitCode);
-  CloseHandle(process.hProcess);
-  CloseHandle(process.hThread);
-  return result;
+  return TestSupport::RunToEnd(L"wd64host.exe", arguments, timeoutMs);
 }
 
 fs::path TestFolder(const char* name) {
@@ -69,23 +39,8 @@ fs::path TestFolder(const char* name) {
   return folder;
 }
 
-void WriteFile(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-
-std::string ReadUtf16(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  return Host::Narrow(std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / 2));
-}
-
-std::string Json(const fs::path& path) {
-  std::string text = Host::Narrow(path.wstring());
-  std::string escaped;
-  for (char c : text) {
-    if (c == '\\') escaped += '\\';
-    escaped += c;
-  }
-  return "\"" + escaped + "\"";
-}
+const auto WriteFile = TestSupport::WriteText;
+std::string ReadUtf16(const fs::path& path) { return Host::Narrow(TestSupport::ReadUtf16(path)); }
 
 TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   const fs::path folder = TestFolder("run");
@@ -99,35 +54,20 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   ULARGE_INTEGER available{};
   ASSERT_TRUE(GetDiskFreeSpaceExW(folder.c_str(), &available, nullptr, nullptr));
   const long long freeMb = static_cast<long long>(available.QuadPart >> 20);
-  const fs::path events = folder / "events.log";
-  const fs::path config = folder / "config.jsonc";
-  WriteFile(config,
-            "{\n"
-            "  // everything at once, on short intervals\n"
-            "  \"globalSettings\": { \"EventReporting\": { \"EventsLogFile\": " +
-                Json(events) +
-                " } },\n"
-                "  \"freeSpaceWatcher\": { \"ActionsPerformIntervalSec\": 1, \"groups\": [ {\n"
-                "    \"FreeSpaceStopServicesLowerBoundMB\": " +
-                std::to_string(freeMb + 1024) +
-                ",\n"
-                "    \"FreeSpaceWarningLowerBoundMB\": " +
-                std::to_string(freeMb + 2048) +
-                ",\n"
-                "    \"FreeSpaceRecommendedMinimumMB\": " +
-                std::to_string(freeMb + 4096) +
-                ",\n"
-                "    \"Paths\": [ " +
-                Json(folder) +
-                " ], \"ServiceNames\": [ \"WD64HostRunVictim\" ] } ] },\n"
-                "  \"watchdog\": { \"RefreshIntervalSeconds\": 1 },\n"
-                "  \"logPacker\": { \"LogsDirectoryPath\": " +
-                Json(logs) +
-                ", \"LogFileMask\": \"*.log\",\n"
-                "    \"MaxLogFileAgeInHours\": 24, \"MaxLogFileSizeInMegabytes\": 2 },\n"
-                "  \"metrics\": { \"intervalSeconds\": 1 }\n"
-                "}\n");
-
+  const fs::path events = folder / "events.log", config = folder / "config.jsonc";
+  const nlohmann::json group{{"FreeSpaceStopServicesLowerBoundMB", freeMb + 1024},
+                             {"FreeSpaceWarningLowerBoundMB", freeMb + 2048},
+                             {"FreeSpaceRecommendedMinimumMB", freeMb + 4096},
+                             {"Paths", {Host::Narrow(folder.wstring())}},
+                             {"ServiceNames", {"WD64HostRunVictim"}}};
+  const nlohmann::json document{
+      {"globalSettings", {{"EventReporting", {{"EventsLogFile", Host::Narrow(events.wstring())}}}}},
+      {"freeSpaceWatcher", {{"ActionsPerformIntervalSec", 1}, {"groups", {group}}}},
+      {"watchdog", {{"RefreshIntervalSeconds", 1}}},
+      {"logPacker", {{"LogsDirectoryPath", Host::Narrow(logs.wstring())}, {"LogFileMask", "*.log"},
+                     {"MaxLogFileAgeInHours", 24}, {"MaxLogFileSizeInMegabytes", 2}}},
+      {"metrics", {{"intervalSeconds", 1}}}};
+  WriteFile(config, "// everything at once, on short intervals\n" + document.dump(2));
   const fs::path metrics = folder / "wd64.prom";
   const Result result =
       RunHost(L"run --for 5 --config \"" + config.wstring() + L"\" --metrics-file \"" + metrics.wstring() + L"\"");
