@@ -85,15 +85,17 @@ TEST(WatchGroupRules, BoundsFromKeysWithDefaultsAndTheKeyAtFault) {
 
 TEST(FreeSpaceChecker, ReportsByStateAndResendTimeoutAcrossATickWrap) {
   // Free MB (negative: every path failed), ms since the start (the tick count
-  // wraps 250 ms in, inside the first warning's period), event (or the
-  // recovery), stop services.
+  // wraps 1,000 ms in, inside the first critical event's period), event (or
+  // the recovery), stop services.
   const std::tuple<std::int64_t, DWORD, std::uint32_t, bool> steps[] = {
-      {250, 50, 0, false},              // Normal: nothing to recover from
-      {200, 100, 0, false},             // the warning bound itself is not below it
-      {100, 200, kWarning, false},      // nor is the stop bound
-      {150, 300, 0, false},             // warning held back
-      {50, 400, kCritical, true},       // warning to critical: at once
-      {1, 5000, 0, true},               // held back, yet services stop every cycle
+      {250, 50, 0, false},          // Normal: nothing to recover from
+      {200, 100, 0, false},         // the warning bound itself is not below it
+      {100, 200, kWarning, false},  // nor is the stop bound
+      {150, 300, 0, false},         // warning held back
+      {50, 400, kCritical, true},   // warning to critical: at once
+      {1, 999, 0, true},            // held back on both sides of the wrap,
+      {1, 1000, 0, true},           // yet services stop every cycle
+      {1, 5000, 0, true},
       {150, 5399, 0, false},            // critical to warning inside the period
       {1, 5400, kCritical, true},       // resent after the timeout
       {150, 10400, kWarning, false},    // critical to warning after the period
@@ -105,7 +107,7 @@ TEST(FreeSpaceChecker, ReportsByStateAndResendTimeoutAcrossATickWrap) {
       {-1, 10900, 0, false},
       {200, 11000, kRecovered, false},  // the first readable cycle at the bound
   };
-  const DWORD start = 0xFFFFFF06u;
+  const DWORD start = 0u - 1000u;
   auto checker = MakeChecker(5000, start);
   for (const auto& [freeMB, ms, event, stop] : steps) {
     const auto decision = checker.Evaluate(freeMB < 0 ? Samples({}) : Samples({{L"C:\\", freeMB * kMB}}), start + ms);
@@ -118,29 +120,6 @@ TEST(FreeSpaceChecker, ReportsByStateAndResendTimeoutAcrossATickWrap) {
   const auto recovery = checker.Evaluate(Samples({{L"C:\\", 200 * kMB}, {L"D:\\", 900 * kMB}}), start + 20001);
   EXPECT_EQ(recovery.recoveredPaths, L"\"C:\\\" (200 MB), \"D:\\\" (900 MB)");
   EXPECT_TRUE(recovery.services.empty());
-}
-
-TEST(FreeSpaceChecker, ResendHoldsBackThroughThePeriodThatCrossesTheWrap) {
-  // Sent 4,096 ms before the tick counter wraps, with a 5,000 ms timeout:
-  // every cycle up to 4,999 ms later is held back, on both sides of the wrap.
-  const DWORD sent = 0xFFFFF000u;
-  auto checker = MakeChecker(5000, sent - 10);
-  const auto critical = Samples({{L"C:\\", 1 * kMB}});
-  EXPECT_EQ(checker.Evaluate(critical, sent).eventId, kCritical);
-  for (const DWORD later : {1u, 100u, 4095u, 4096u, 4097u, 4999u}) {
-    const auto decision = checker.Evaluate(critical, sent + later);
-    EXPECT_EQ(decision.eventId, 0u) << later;
-    EXPECT_TRUE(decision.bStopServices) << later;
-  }
-  EXPECT_EQ(checker.Evaluate(critical, sent + 5000).eventId, kCritical);
-  // The same for a warning sent just before the wrap.
-  auto warned = MakeChecker(3000, 0xFFFFFF00u);
-  const auto low = Samples({{L"C:\\", 150 * kMB}});
-  EXPECT_EQ(warned.Evaluate(low, 0xFFFFFFF0u).eventId, kWarning);
-  EXPECT_EQ(warned.Evaluate(low, 0xFFFFFFFFu).eventId, 0u);
-  EXPECT_EQ(warned.Evaluate(low, 0x00000010u).eventId, 0u);
-  EXPECT_EQ(warned.Evaluate(low, 0xFFFFFFF0u + 2999u).eventId, 0u);
-  EXPECT_EQ(warned.Evaluate(low, 0xFFFFFFF0u + 3000u).eventId, kWarning);
 }
 
 // Lines of the watcher's source, as "TAG|message".
@@ -157,52 +136,40 @@ struct WatcherLines final : VHLogger::Detail::ILogWriter {
   std::vector<std::wstring> lines;
 };
 
-TEST(FreeSpaceChecker, AnUnreadablePathIsAWarningOnceAndItsRecoveryNews) {
+// Also shows that the filter and transform under it read each element once.
+TEST(FreeSpaceChecker, SamplesQueryEachPathOnceAndAnUnreadablePathIsAWarningOnce) {
+  const std::wstring gone = L"X:\\gone-\u65E5\u672C";
   std::set<std::wstring> unreadable;
+  std::map<std::wstring, int> queries;
   bool bMissing = true;
   auto query = [&](const std::wstring& path) -> std::uint64_t {
-    if (path == L"X:\\gone-\u65E5\u672C" && bMissing) Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
-    return 500 * kMB;
+    ++queries[path];
+    if (path == gone && bMissing) Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
+    return path == L"huge" ? std::numeric_limits<std::uint64_t>::max() : std::uint64_t{42 * kMB};
   };
   WatcherLines log;
-  const PathList paths = Names({L"X:\\gone-\u65E5\u672C", L"C:\\ok"});
-  for (int cycle = 0; cycle < 3; ++cycle) TakeSamples(paths, query, unreadable);
-  bMissing = false;
-  TakeSamples(paths, query, unreadable);
-  TakeSamples(paths, query, unreadable);
-  bMissing = true;
-  TakeSamples(paths, query, unreadable);
+  const PathList paths = Names({L"a", gone, L"huge", L"a"});
+  // Read from the stored samples: no disk is asked again.
+  EXPECT_EQ(FormatPathList(TakeSamples(paths, query, unreadable)->GetEnumerator()),
+            L"\"a\" (42 MB), \"huge\" (8796093022207 MB), \"a\" (42 MB)");
+  EXPECT_EQ(queries, (std::map<std::wstring, int>{{L"a", 2}, {gone, 1}, {L"huge", 1}}));
+  for (const bool bNow : {true, true, false, false, true}) {
+    bMissing = bNow;
+    TakeSamples(paths, query, unreadable);
+  }
 
-  const std::wstring failed = L"Failed to get free space in \"X:\\gone-\u65E5\u672C\": 0x80070003 ";
   std::vector<std::wstring> tags;
   for (const std::wstring& line : log.lines) {
-    if (line.find(L"X:\\gone-\u65E5\u672C") == std::wstring::npos) continue;
+    if (line.find(gone) == std::wstring::npos) continue;
     tags.push_back(line.substr(0, 4));
     if (line[0] == L'W') {
-      EXPECT_EQ(line.find(L"WARN|" + failed), 0u) << line;
+      EXPECT_EQ(line.find(L"WARN|Failed to get free space in \"" + gone + L"\": 0x80070003 "), 0u) << line;
     }
   }
   // WARN on the first failing cycle, DBG while it goes on, INFO when it can be
   // read again, and WARN once more when it fails anew.
   EXPECT_EQ(tags, (std::vector<std::wstring>{L"WARN", L"DBG ", L"DBG ", L"INFO", L"WARN"}));
-  EXPECT_EQ(unreadable, (std::set<std::wstring>{L"X:\\gone-\u65E5\u672C"}));
-}
-
-// Also shows that the filter and transform under it read each element once.
-TEST(FreeSpaceChecker, SamplesQueryEachPathOnceAndDropFailures) {
-  std::map<std::wstring, int> queries;
-  std::set<std::wstring> unreadable;
-  const auto samples = TakeSamples(
-      Names({L"a", L"missing", L"huge", L"a"}),
-      [&](const std::wstring& path) {
-        ++queries[path];
-        if (path == L"missing") Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
-        return path == L"huge" ? std::numeric_limits<std::uint64_t>::max() : std::uint64_t{42 * kMB};
-      },
-      unreadable);
-  // Read from the stored samples: no disk is asked again.
-  EXPECT_EQ(FormatPathList(samples->GetEnumerator()), L"\"a\" (42 MB), \"huge\" (8796093022207 MB), \"a\" (42 MB)");
-  EXPECT_EQ(queries, (std::map<std::wstring, int>{{L"a", 2}, {L"missing", 1}, {L"huge", 1}}));
+  EXPECT_EQ(unreadable, (std::set<std::wstring>{gone}));
 }
 
 TEST(Sequencer, EmptyEndsAtOnceLateElementsAreReachedAndStorageOutlivesIt) {

@@ -32,7 +32,10 @@ struct WorkerState {
   // the loader lock could hang.
   CModuleThread thread;
 
-  ~WorkerState() { running = 0; }
+  ~WorkerState() {
+    running = 0;
+    if (wake) ::SetEvent(wake.Get());
+  }
 };
 
 WorkerState& Worker() {

@@ -27,9 +27,9 @@ inline constexpr DWORD kTimerStepMs = 16;
 // INFINITE. Zero when it is over already.
 constexpr DWORD MillisecondsUntilDue(DWORD start, DWORD now, std::uint64_t intervalMs) noexcept {
   if (IsPeriodOver(start, now, intervalMs)) return 0;
-  const std::uint64_t untilOver = intervalMs - (now - start) + 1 + kTimerStepMs;
-  const std::uint64_t untilWrap = (std::uint64_t{1} << 32) - now;
-  return static_cast<DWORD>(std::min({untilOver, untilWrap, std::uint64_t{INFINITE - 1}}));
+  const std::uint64_t left = intervalMs - (now - start);
+  const std::uint64_t cap = std::min<std::uint64_t>((std::uint64_t{1} << 32) - now, INFINITE - 1);
+  return static_cast<DWORD>(left >= cap ? cap : std::min<std::uint64_t>(left + 1 + kTimerStepMs, cap));
 }
 
 // Returns from the workers' waits since the module was loaded, for the
