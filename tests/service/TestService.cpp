@@ -4,7 +4,9 @@
 // one program serves any number of registered test services. With
 // "hold-stop" after the name, the stop control is answered only once the
 // event "Global\<name>-release" is set, so a caller of ControlService stays
-// inside that call until the test lets it go.
+// inside that call until the test lets it go. With "stop-code=<file>" it
+// stops with a service-specific exit code, the size of that file in bytes
+// when the stop control arrived: what had been written to it by then.
 
 #include <windows.h>
 
@@ -16,6 +18,8 @@ namespace {
 SERVICE_STATUS_HANDLE g_hStatus = nullptr;
 HANDLE g_hStopEvent = nullptr;
 HANDLE g_hReleaseEvent = nullptr;
+std::wstring g_sStopCodeFile;
+DWORD g_nStopCode = 0;
 
 void Report(DWORD state, DWORD exitCode = NO_ERROR) {
   SERVICE_STATUS status{};
@@ -23,6 +27,7 @@ void Report(DWORD state, DWORD exitCode = NO_ERROR) {
   status.dwCurrentState = state;
   status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
   status.dwWin32ExitCode = exitCode;
+  status.dwServiceSpecificExitCode = g_nStopCode;
   ::SetServiceStatus(g_hStatus, &status);
 }
 
@@ -30,6 +35,10 @@ DWORD WINAPI Handler(DWORD control, DWORD, void*, void*) {
   switch (control) {
     case SERVICE_CONTROL_STOP:
       if (g_hReleaseEvent != nullptr) ::WaitForSingleObject(g_hReleaseEvent, INFINITE);
+      if (WIN32_FILE_ATTRIBUTE_DATA data;
+          !g_sStopCodeFile.empty() && ::GetFileAttributesExW(g_sStopCodeFile.c_str(), GetFileExInfoStandard, &data)) {
+        g_nStopCode = data.nFileSizeLow;
+      }
       Report(SERVICE_STOP_PENDING);
       ::SetEvent(g_hStopEvent);
       return NO_ERROR;
@@ -52,7 +61,7 @@ void WINAPI ServiceMain(DWORD argc, wchar_t** argv) {
   Report(SERVICE_RUNNING);
   ::WaitForSingleObject(g_hStopEvent, INFINITE);
   ::CloseHandle(g_hStopEvent);
-  Report(SERVICE_STOPPED);
+  Report(SERVICE_STOPPED, g_sStopCodeFile.empty() ? NO_ERROR : ERROR_SERVICE_SPECIFIC_ERROR);
 }
 
 }  // namespace
@@ -65,6 +74,11 @@ int main(int argc, char** argv) {
   if (argc > 2 && std::strcmp(argv[2], "hold-stop") == 0) {
     const std::wstring release = std::wstring(L"Global\\") + name + L"-release";
     g_hReleaseEvent = ::CreateEventW(nullptr, TRUE, FALSE, release.c_str());
+  }
+  if (argc > 2 && std::strncmp(argv[2], "stop-code=", 10) == 0) {
+    wchar_t file[MAX_PATH] = L"";
+    ::MultiByteToWideChar(CP_ACP, 0, argv[2] + 10, -1, file, MAX_PATH);
+    g_sStopCodeFile = file;
   }
   SERVICE_TABLE_ENTRYW table[] = {{name, &ServiceMain}, {nullptr, nullptr}};
   return ::StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(::GetLastError());
