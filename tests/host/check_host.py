@@ -9,12 +9,14 @@ Usage: check_host.py BIN_DIR WINE_RUN PREFIX SERVICE_PREFIX
 
 import json
 import os
+import queue
 import random
 import re
 import shutil
 import signal
 import subprocess
 import sys
+import threading
 import time
 import unittest
 import zipfile
@@ -295,6 +297,18 @@ class Requests(unittest.TestCase):
             self.assertRegex(out, r"(?m)^Z:\\ +\d+", line)
 
 
+def held_open(path):
+    """Whether some process on this machine has `path` open."""
+    wanted = os.path.realpath(path)
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            if any(os.readlink(f"/proc/{pid}/fd/{fd}") == wanted for fd in os.listdir(f"/proc/{pid}/fd")):
+                return True
+        except OSError:
+            pass
+    return False
+
+
 def archived_names(logs):
     names = []
     for name in os.listdir(logs):
@@ -374,11 +388,18 @@ class RunAndFaults(unittest.TestCase):
         os.makedirs(logs)
         names = make_logs(logs, 2)
         environment = dict(os.environ, WINEDEBUG="-all")
-        holder = subprocess.Popen([WINE_RUN, PREFIX, os.path.join(BIN, "test_helper.exe"), "hold",
-                                   win(os.path.join(logs, "service-000.log")), "8000"], env=environment)
-        time.sleep(2)
-        rc, out, err = host("request", "PackLogs", "--json", "--config", win(packer_config(base, logs)))
-        holder.wait(timeout=60)
+        held = os.path.join(logs, "service-000.log")
+        holder = subprocess.Popen([WINE_RUN, PREFIX, os.path.join(BIN, "test_helper.exe"), "hold", win(held),
+                                   "120000"], env=environment, start_new_session=True)
+        try:
+            # The Wine server keeps a Unix descriptor of every open file.
+            deadline = time.time() + 60
+            while not held_open(held) and time.time() < deadline:
+                time.sleep(0.05)
+            rc, out, err = host("request", "PackLogs", "--json", "--config", win(packer_config(base, logs)))
+        finally:
+            os.killpg(holder.pid, signal.SIGKILL)
+            holder.wait()
         self.assertEqual(rc, 0, out + err)
         item = envelope(out)["items"][0]
         self.assertEqual((item["files"], item["skipped"]), (len(names) - 1, 1), item)
@@ -476,6 +497,15 @@ class ServicePrefix(unittest.TestCase):
                               env=environment, timeout=180)
         return done.returncode, done.stdout.decode("utf-8", "replace")
 
+    def services_running(self):
+        """The service programs running in the prefix, the asking wd64host aside."""
+        rc, out = self.svc("request", "ListProcesses", "--json")
+        self.assertEqual(rc, 0, out)
+        paths = [(item.get("ExecutablePath") or "").lower() for item in envelope(out)["items"]]
+        running = [path for path in paths if path.endswith(("wd64host.exe", "test_service.exe"))]
+        running.remove(next(path for path in running if path.endswith("wd64host.exe")))
+        return running
+
 
 class Service(ServicePrefix):
     def test_start_failure_reaches_the_event_log(self):
@@ -491,6 +521,9 @@ class Service(ServicePrefix):
         self.assertIn("running", out)
         rc, out = self.svc("service", "stop", "--name", self.NAME)
         self.assertEqual(rc, 0, out)
+        rc, out = self.svc("service", "status", "--name", self.NAME)
+        self.assertIn("stopped", out)
+        self.assertNotIn("last exit", out)  # a clean stop, no error code
 
         # Installing again updates the command line.
         metrics = os.path.join(base, "wd64.prom")
@@ -525,46 +558,84 @@ class Service(ServicePrefix):
 
 
 class ServiceFaults(ServicePrefix):
+    """Two stops, then two uninstalls, of one service at once. Windows' service
+    manager hands a service one control at a time, so the later command finds
+    the service stopping, its own stop refused, and must wait like the first.
+    Wine's kills a service that a second stop reaches before it has answered
+    the first, so the commands here go in that order: the service answers at
+    once and stays stopping until `release` exists, the second command starts
+    once the first stop was answered, and the service is let go once the
+    second command has sent its own stop (both seen in Wine's +service trace).
+    """
+
     NAME = "WD64PyServiceTwice"
 
+    def setUp(self):
+        super().setUp()
+        self.release = os.path.join(folder("service-twice"), "release")
+        command = f'"{win(os.path.join(BIN, "test_service.exe"))}" {self.NAME} slow-stop {win(self.release)}'
+        done = subprocess.run([WINE_RUN, SERVICE_PREFIX, "sc", "create", self.NAME, "binpath=", command],
+                              stdout=subprocess.PIPE, stderr=self.log, timeout=180)
+        self.assertEqual(done.returncode, 0)
+
+    def tearDown(self):
+        write(self.release, "")  # lets a service the test left stopping go
+        super().tearDown()
+
+    def traced(self, *args):
+        """wd64host with Wine's service-call trace read line by line as it runs."""
+        process = subprocess.Popen([WINE_RUN, SERVICE_PREFIX, HOST, *args], stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, env=dict(os.environ, WINEDEBUG="+service"))
+        process.lines = queue.Queue()
+        process.trace = []
+
+        def read():
+            for line in process.stderr:
+                process.trace.append(line.decode("utf-8", "replace"))
+                process.lines.put(process.trace[-1])
+            process.lines.put(None)
+        process.reader = threading.Thread(target=read, daemon=True)
+        process.reader.start()
+        return process
+
+    def wait_for_calls(self, process, *calls):
+        for call in calls:
+            while True:
+                line = process.lines.get(timeout=120)
+                self.assertIsNotNone(line, (call, process.trace))
+                if f":service:{call} " in line:
+                    break
+
+    def finish(self, process):
+        with process:
+            out = process.stdout.read().decode("utf-8", "replace")
+            process.reader.join(timeout=180)
+        return process.returncode, out + "".join(process.trace)
+
     def test_two_stops_and_two_uninstalls_at_once(self):
-        base = folder("service-twice")
-        config = os.path.join(base, "twice.jsonc")
-        write(config, '{ "watchdog": { "RefreshIntervalSeconds": 1 } }')
-        self.assertEqual(self.svc("service", "install", "--name", self.NAME, "--config", win(config))[0], 0)
-        self.assertEqual(self.svc("service", "start", "--name", self.NAME)[0], 0)
-        environment = dict(os.environ, WINEDEBUG="-all")
-
-        def twice(*args):
-            both = [subprocess.Popen([WINE_RUN, SERVICE_PREFIX, HOST, *args], stdout=subprocess.PIPE,
-                                     stderr=subprocess.PIPE, env=environment) for _ in range(2)]
-            return [(process.wait(timeout=180), process.communicate()[0].decode("utf-8", "replace"))
-                    for process in both]
-
-        def hosts_running():
-            rc, out, err = host("request", "ListProcesses", "--json", prefix=SERVICE_PREFIX)
-            self.assertEqual(rc, 0, err)
-            return [item for item in envelope(out)["items"]
-                    if "wd64host" in (item.get("ExecutablePath") or "").lower()]
-
-        stops = twice("service", "stop", "--name", self.NAME)
-        # Whichever comes second finds it stopping or stopped; neither may fail.
-        self.assertEqual([rc for rc, _ in stops], [0, 0], stops)
-        # A stop returns once the service's process has ended: its files can go.
-        self.assertEqual(len(hosts_running()), 1, hosts_running())  # only the one asking
-        rc, out = self.svc("service", "status", "--name", self.NAME)
-        self.assertIn("stopped", out)
-        self.assertNotIn("last exit", out)  # a clean stop, no error code
-
-        self.assertEqual(self.svc("service", "start", "--name", self.NAME)[0], 0)
-        removals = twice("service", "uninstall", "--name", self.NAME)
-        self.assertIn(0, [rc for rc, _ in removals], removals)
-        self.assertTrue(all(rc in (0, 1) for rc, _ in removals), removals)
+        for command in ("stop", "uninstall"):
+            self.assertEqual(self.svc("service", "start", "--name", self.NAME)[0], 0)
+            first = self.traced("service", command, "--name", self.NAME)
+            # Its stop control answered: the service reports stopping.
+            self.wait_for_calls(first, "ControlService", "QueryServiceStatus")
+            second = self.traced("service", command, "--name", self.NAME)
+            self.wait_for_calls(second, "ControlService")
+            self.assertIsNone(first.poll(), "the first returned while the service was still stopping")
+            self.assertIsNone(second.poll(), "the second returned while the service was still stopping")
+            write(self.release, "")
+            results = [self.finish(first), self.finish(second)]
+            os.remove(self.release)
+            if command == "stop":
+                # Neither fails, and both return once the service's process has ended.
+                self.assertEqual([rc for rc, _ in results], [0, 0], results)
+                self.assertTrue(all(f"service '{self.NAME}' stopped" in out for _, out in results), results)
+            else:
+                # One removes it; the other finds it marked for deletion.
+                self.assertEqual(sorted(rc for rc, _ in results), [0, 1], results)
+                self.assertTrue(any(f"service '{self.NAME}' removed" in out for _, out in results), results)
+            self.assertEqual(self.services_running(), [], command)
         rc, out = self.svc("service", "status", "--name", self.NAME)
         self.assertEqual(rc, 1, out)
-        # The service's process ended with it.
-        running = hosts_running()
-        self.assertEqual(len(running), 1, running)
 
 
 if __name__ == "__main__":

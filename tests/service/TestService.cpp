@@ -4,7 +4,9 @@
 // one program serves any number of registered test services. With
 // "hold-stop" after the name, the stop control is answered only once the
 // event "Global\<name>-release" is set, so a caller of ControlService stays
-// inside that call until the test lets it go.
+// inside that call until the test lets it go. With "slow-stop FILE" instead,
+// the stop control is answered at once and the service stays stopping until
+// FILE exists (two minutes at most).
 
 #include <windows.h>
 
@@ -16,6 +18,7 @@ namespace {
 SERVICE_STATUS_HANDLE g_hStatus = nullptr;
 HANDLE g_hStopEvent = nullptr;
 HANDLE g_hReleaseEvent = nullptr;
+wchar_t g_releaseFile[MAX_PATH] = L"";
 
 void Report(DWORD state, DWORD exitCode = NO_ERROR) {
   SERVICE_STATUS status{};
@@ -51,6 +54,9 @@ void WINAPI ServiceMain(DWORD argc, wchar_t** argv) {
   }
   Report(SERVICE_RUNNING);
   ::WaitForSingleObject(g_hStopEvent, INFINITE);
+  for (int i = 0; *g_releaseFile && ::GetFileAttributesW(g_releaseFile) == INVALID_FILE_ATTRIBUTES && i < 2400; ++i) {
+    ::Sleep(50);
+  }
   ::CloseHandle(g_hStopEvent);
   Report(SERVICE_STOPPED);
 }
@@ -65,6 +71,9 @@ int main(int argc, char** argv) {
   if (argc > 2 && std::strcmp(argv[2], "hold-stop") == 0) {
     const std::wstring release = std::wstring(L"Global\\") + name + L"-release";
     g_hReleaseEvent = ::CreateEventW(nullptr, TRUE, FALSE, release.c_str());
+  }
+  if (argc > 3 && std::strcmp(argv[2], "slow-stop") == 0) {
+    ::MultiByteToWideChar(CP_ACP, 0, argv[3], -1, g_releaseFile, MAX_PATH);
   }
   SERVICE_TABLE_ENTRYW table[] = {{name, &ServiceMain}, {nullptr, nullptr}};
   return ::StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(::GetLastError());
