@@ -12,6 +12,7 @@
 
 #include "Config.h"
 #include "ModulePath.h"
+#include "Processes.h"
 
 namespace fs = std::filesystem;
 
@@ -87,52 +88,16 @@ std::string Json(const fs::path& path) {
   return "\"" + escaped + "\"";
 }
 
-struct ScCloser {
-  void operator()(SC_HANDLE handle) const noexcept { CloseServiceHandle(handle); }
-};
-using ScHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ScCloser>;
-
-DWORD WaitForState(SC_HANDLE service, DWORD wanted, DWORD timeoutMs) {
-  SERVICE_STATUS status{};
-  for (DWORD waited = 0; waited < timeoutMs; waited += 100) {
-    if (QueryServiceStatus(service, &status) && status.dwCurrentState == wanted) break;
-    Sleep(100);
-  }
-  return status.dwCurrentState;
-}
-
-// A running test_service.exe registered under `name`; removed again on exit.
-class RunningService {
- public:
-  explicit RunningService(const wchar_t* name) : m_manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)) {
-    const std::wstring binary = L"\"" + Kestrel::ModuleDirectory() + L"test_service.exe\"";
-    m_service.reset(CreateServiceW(m_manager.get(), name, name, SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
-                                   SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, binary.c_str(), nullptr, nullptr,
-                                   nullptr, nullptr, nullptr));
-    if (m_service) StartServiceW(m_service.get(), 0, nullptr);
-  }
-  ~RunningService() {
-    if (!m_service) return;
-    SERVICE_STATUS status{};
-    ControlService(m_service.get(), SERVICE_CONTROL_STOP, &status);
-    DeleteService(m_service.get());
-  }
-  SC_HANDLE Get() const { return m_service.get(); }
-
- private:
-  ScHandle m_manager;
-  ScHandle m_service;
-};
-
 TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   const fs::path folder = TestFolder("run");
   const fs::path logs = folder / "logs";
   fs::create_directories(logs);
   WriteFile(logs / "big.log", std::string(2 * 1024 * 1024 + 1, 'x'));
   WriteFile(logs / "small.log", "fresh\r\n");
-  RunningService service(L"WD64HostRunVictim");
-  ASSERT_NE(service.Get(), nullptr);
-  ASSERT_EQ(WaitForState(service.Get(), SERVICE_RUNNING, 10000), static_cast<DWORD>(SERVICE_RUNNING));
+  // A victim left by an interrupted run goes first; this one is stopped and
+  // gone before the next run can ask for the name.
+  TestSupport::TestService service(L"WD64HostRunVictim");
+  ASSERT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
 
   ULARGE_INTEGER available{};
   ASSERT_TRUE(GetDiskFreeSpaceExW(folder.c_str(), &available, nullptr, nullptr));
@@ -174,7 +139,7 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   const std::string entries = ReadUtf16(events);
   EXPECT_NE(entries.find("EventId: 4302; Type: 'Error'(1)"), std::string::npos) << entries;
   EXPECT_NE(entries.find("WD64HostRunVictim"), std::string::npos) << entries;
-  EXPECT_EQ(WaitForState(service.Get(), SERVICE_STOPPED, 10000), static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_TRUE(TestSupport::WaitForServiceState(service.service, SERVICE_STOPPED));
 
   EXPECT_FALSE(fs::exists(logs / "big.log"));
   EXPECT_TRUE(fs::exists(logs / "small.log"));
