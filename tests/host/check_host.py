@@ -204,6 +204,11 @@ class EventSource(unittest.TestCase):
         config = os.path.join(base, "source.jsonc")
         write(config, """{ "globalSettings": { "CoreEventSource": { "EventSourceName": "WD64 Py Source",
                               "EventLogName": "WD64PyLog" } }, "watchdog": { "RefreshIntervalSeconds": 30 } }""")
+        ini = os.path.join(base, "settings.ini")
+        write(ini, "[CoreEventSource]\r\nEventSourceName=WD64 Ini Source\r\nEventLogName=WD64IniLog\r\n")
+        # Registrations an interrupted run left in the prefix go first.
+        host("eventsource", "unregister", "--config", win(config))
+        host("eventsource", "unregister", env={"GLOBAL_SETTINGS_INI": win(ini)})
         rc, out, err = host("check", "--config", win(config))
         self.assertEqual(rc, 3, out + err)
         self.assertIn("'WD64 Py Source' in log 'WD64PyLog'", out)
@@ -215,17 +220,15 @@ class EventSource(unittest.TestCase):
         rc, out, err = host("eventsource", "unregister", "--config", win(config))
         self.assertEqual(rc, 0, out + err)
         rc, out, err = host("eventsource", "unregister", "--config", win(config))
-        self.assertIn("was not registered", out)
+        self.assertIn("was not registered", out + err)
 
-        ini = os.path.join(base, "settings.ini")
-        write(ini, "[CoreEventSource]\r\nEventSourceName=WD64 Ini Source\r\nEventLogName=WD64IniLog\r\n")
         env = {"GLOBAL_SETTINGS_INI": win(ini)}
         rc, out, err = host("eventsource", "register", env=env)
         self.assertEqual(rc, 0, out + err)
         self.assertIn("'WD64 Ini Source' in log 'WD64IniLog'", out)
         env["GS_CoreEventSource_EventSourceName"] = "WD64 Env Source"
         rc, out, err = host("check", env=env)
-        self.assertIn("'WD64 Env Source' in log 'WD64IniLog'", out)
+        self.assertIn("'WD64 Env Source' in log 'WD64IniLog'", out, err)
 
         # Values the module would not understand, wherever they come from.
         write(ini, "[Logger]\r\nMaxSeverity=VERBOSE\r\n[CoreEventSource]\r\nEventSourceName=WD64 Ini Source\r\n"
@@ -235,7 +238,7 @@ class EventSource(unittest.TestCase):
         self.assertRegex(out, r"INI files \(GLOBAL_SETTINGS_INI, .*\): \[Logger\] MaxSeverity: \"VERBOSE\" is not")
         self.assertIn("GS_Logger_KeepOpenInterval: [Logger] KeepOpenInterval: \"5s\" is not a whole number", out)
         rc, out, err = host("eventsource", "unregister", env={"GLOBAL_SETTINGS_INI": win(ini)})
-        self.assertIn(": done", out)
+        self.assertIn(": done", out, err)
 
 
 class Requests(unittest.TestCase):
@@ -469,26 +472,39 @@ class RunAndFaults(unittest.TestCase):
 class ServicePrefix(unittest.TestCase):
     """A service in a prefix of its own, whose service manager is started by
     this test with the eventlog debug channel on, so ReportEventW's trace of
-    the host's events reaches `trace`."""
+    the host's events reaches `trace`. An idle program keeps that server up
+    for the whole test: a server on its way out, between two commands, can
+    refuse the next one."""
 
     NAME = "WD64PyService"
 
     def setUp(self):
         self.trace = os.path.join(WORK, "service-trace.txt")
         os.makedirs(WORK, exist_ok=True)
-        subprocess.run([WINE_RUN, SERVICE_PREFIX, HOST, "--version"], capture_output=True, timeout=300)
+        quiet = dict(stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        subprocess.run([WINE_RUN, SERVICE_PREFIX, HOST, "--version"], **quiet, stderr=subprocess.DEVNULL, timeout=300)
         subprocess.run([WINESERVER, "-k"], env=dict(os.environ, WINEPREFIX=os.path.abspath(SERVICE_PREFIX)))
         subprocess.run([WINESERVER, "-w"], env=dict(os.environ, WINEPREFIX=os.path.abspath(SERVICE_PREFIX)))
         self.log = open(self.trace, "wb")
-        # The first program boots the prefix's service manager with this
-        # debug channel; a server still on its way out can refuse it once.
+        # Whichever of these two starts the server, its output is no pipe
+        # (the server would hold it) and the debug channel is on.
+        environment = dict(os.environ, WINEDEBUG="+eventlog")
+        self.keeper = subprocess.Popen([WINE_RUN, SERVICE_PREFIX, os.path.join(BIN, "test_helper.exe"), "sleep",
+                                        "3600000"], **quiet, stderr=self.log, env=environment, start_new_session=True)
         for _ in range(3):
-            if self.svc("--version")[0] == 0:
+            if subprocess.run([WINE_RUN, SERVICE_PREFIX, HOST, "--version"], **quiet, stderr=self.log,
+                              env=environment, timeout=300).returncode == 0:
                 break
             time.sleep(2)
 
+    def stop_keeper(self):
+        if self.keeper.poll() is None:
+            os.killpg(self.keeper.pid, signal.SIGKILL)
+            self.keeper.wait()
+
     def tearDown(self):
         self.svc("service", "uninstall", "--name", self.NAME)
+        self.stop_keeper()
         self.log.close()
 
     def svc(self, *args):
@@ -540,6 +556,7 @@ class Service(ServicePrefix):
         self.assertEqual(rc, 1, out)
         rc, out = self.svc("service", "status", "--name", self.NAME)
         self.assertIn("stopped, last exit: service-specific code 1", out)
+        self.stop_keeper()
         subprocess.run([WINESERVER, "-w"], env=dict(os.environ, WINEPREFIX=os.path.abspath(SERVICE_PREFIX)),
                        timeout=120)
         self.log.flush()
