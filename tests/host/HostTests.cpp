@@ -90,6 +90,8 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   fs::create_directories(logs);
   WriteFile(logs / "big.log", std::string(2 * 1024 * 1024 + 1, 'x'));
   WriteFile(logs / "small.log", "fresh\r\n");
+  // A victim left by an interrupted run goes first; this one is stopped and
+  // gone before the next run can ask for the name.
   TestSupport::TestService service(L"WD64HostRunVictim");
   ASSERT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
 

@@ -4,9 +4,11 @@
 // one program serves any number of registered test services. With
 // "hold-stop" after the name, the stop control is answered only once the
 // event "Global\<name>-release" is set, so a caller of ControlService stays
-// inside that call until the test lets it go. With "stop-code=<file>" it
-// stops with a service-specific exit code, the size of that file in bytes
-// when the stop control arrived: what had been written to it by then.
+// inside that call until the test lets it go. With "slow-stop FILE" instead,
+// the stop control is answered at once and the service stays stopping until
+// FILE exists (two minutes at most). With "stop-code=<file>" it stops with a
+// service-specific exit code, the size of that file in bytes when the stop
+// control arrived: what had been written to it by then.
 
 #include <windows.h>
 
@@ -20,6 +22,7 @@ HANDLE g_hStopEvent = nullptr;
 HANDLE g_hReleaseEvent = nullptr;
 std::wstring g_sStopCodeFile;
 DWORD g_nStopCode = 0;
+wchar_t g_releaseFile[MAX_PATH] = L"";
 
 void Report(DWORD state, DWORD exitCode = NO_ERROR) {
   SERVICE_STATUS status{};
@@ -60,6 +63,9 @@ void WINAPI ServiceMain(DWORD argc, wchar_t** argv) {
   }
   Report(SERVICE_RUNNING);
   ::WaitForSingleObject(g_hStopEvent, INFINITE);
+  for (int i = 0; *g_releaseFile && ::GetFileAttributesW(g_releaseFile) == INVALID_FILE_ATTRIBUTES && i < 2400; ++i) {
+    ::Sleep(50);
+  }
   ::CloseHandle(g_hStopEvent);
   Report(SERVICE_STOPPED, g_sStopCodeFile.empty() ? NO_ERROR : ERROR_SERVICE_SPECIFIC_ERROR);
 }
@@ -79,6 +85,9 @@ int main(int argc, char** argv) {
     wchar_t file[MAX_PATH] = L"";
     ::MultiByteToWideChar(CP_ACP, 0, argv[2] + 10, -1, file, MAX_PATH);
     g_sStopCodeFile = file;
+  }
+  if (argc > 3 && std::strcmp(argv[2], "slow-stop") == 0) {
+    ::MultiByteToWideChar(CP_ACP, 0, argv[3], -1, g_releaseFile, MAX_PATH);
   }
   SERVICE_TABLE_ENTRYW table[] = {{name, &ServiceMain}, {nullptr, nullptr}};
   return ::StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(::GetLastError());
