@@ -1,4 +1,4 @@
-// The log packer's section: the packer's own four keys and the host's
+// The log packer's section: the packer's own keys and the host's
 // schedule for it.
 
 #include <limits>
@@ -18,6 +18,9 @@ const KeySpec kPackerKeys[] = {
     {"LogFileMask", ValueKind::String, true},
     {"MaxLogFileAgeInHours", ValueKind::Int64, true, 0, kInt64Max, L"hours"},
     {"MaxLogFileSizeInMegabytes", ValueKind::Int64, true, 0, kInt64Max, L"megabytes"},
+    // Retention of the packer's archives: 0 or absent keeps every archive.
+    {"MaxArchiveAgeInDays", ValueKind::Int64, false, 0, kInt64Max, L"days"},
+    {"MaxArchivesTotalSizeInMegabytes", ValueKind::Int64, false, 0, kInt64Max, L"megabytes"},
 };
 const KeySpec kPackInterval{"PackIntervalSeconds", ValueKind::Int64, false, 1, 4294967,
                             L"seconds held as 32-bit milliseconds"};

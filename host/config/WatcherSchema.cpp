@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "config/Schemas.h"
-#include "config/WatchGroupBounds.h"
+#include "rules/WatchGroupRules.h"
 
 namespace Host::Schema {
 
@@ -23,6 +23,8 @@ const KeySpec kGroupKeys[] = {
     {"FreeSpaceWarningLowerBoundMB", ValueKind::Int32, false, 0, kInt32Max, L"a size"},
     {"FreeSpaceStopServicesLowerBoundGB", ValueKind::Int32, false, 0, kInt32Max, L"a size"},
     {"FreeSpaceStopServicesLowerBoundMB", ValueKind::Int32, false, 0, kInt32Max, L"a size"},
+    {"FreeSpaceRestartServicesLowerBoundGB", ValueKind::Int32, false, 0, kInt32Max, L"a size"},
+    {"FreeSpaceRestartServicesLowerBoundMB", ValueKind::Int32, false, 0, kInt32Max, L"a size"},
     {"EventResendTimeoutSec", ValueKind::Int32, false, 1, 2147483, L"seconds held as signed 32-bit milliseconds"},
     {"Paths", ValueKind::StringList, true},
     {"ServiceNames", ValueKind::StringList, true},
@@ -60,11 +62,14 @@ WatcherConfig ReadWatcher(const JsonReader& reader, const Json& json) {
       reader.Error(groupPlace + L"/Paths", L"must list at least one folder (an empty group watches nothing)");
     }
     // The bounds as the watcher takes them, found here with their place.
-    const auto bounds = ReadGroupBounds([&](const wchar_t* key) { return group.Int32(key); });
-    // Bounds in the wrong order are only worth saying once each value is right.
-    const auto* error = std::get_if<BoundsError>(&bounds);
-    if (error != nullptr && (!error->key.empty() || reader.ProblemCount() == before)) {
-      reader.Error(error->key.empty() ? groupPlace : groupPlace + L"/" + error->key, error->text);
+    const auto bounds = Kestrel::Rules::ReadWatchGroupBounds([&](const wchar_t* key) { return group.Int32(key); });
+    // Bounds that do not fit together are the group's fault, and only worth
+    // saying once each value is right.
+    const auto* error = std::get_if<Kestrel::Rules::BoundsError>(&bounds);
+    if (error != nullptr && error->bBothGiven) {
+      reader.Error(groupPlace + L"/" + error->key, error->text);
+    } else if (error != nullptr && reader.ProblemCount() == before) {
+      reader.Error(groupPlace, error->text);
     }
     watcher.groups.push_back(std::move(group));
   }

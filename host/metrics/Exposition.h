@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "config/WatchGroupBounds.h"
+#include "rules/WatchGroupRules.h"
 #include "runner/PackRun.h"
 
 namespace Host::Detail {
@@ -25,7 +25,7 @@ struct ServiceSample {
 
 struct GroupSample {
   std::wstring label;
-  GroupBounds bounds;
+  Kestrel::Rules::WatchGroupBounds bounds;
   std::vector<PathSample> paths;
   std::vector<ServiceSample> services;
   bool servicesKnown = false;  // false when the service manager could not be asked

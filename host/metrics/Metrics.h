@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "config/WatchGroupBounds.h"
+#include "rules/WatchGroupRules.h"
 #include "runner/PackRun.h"
 
 namespace Host {
@@ -55,13 +55,14 @@ class MetricsWriter {
 std::wstring GroupLabel(const Section& group, std::size_t index);
 
 // A group's bounds as the watcher takes them from its keys.
-GroupBounds BoundsOf(const Section& group);
+Kestrel::Rules::WatchGroupBounds BoundsOf(const Section& group);
 
 // The worst level among the readable paths of a group, by the watcher's
 // comparisons; a path whose free space could not be read (nullopt) is left
 // out, as the watcher drops it. Free space beyond the watcher's signed 64
 // bits counts as the most there can be.
-Level GroupLevel(const std::vector<std::optional<std::uint64_t>>& freeBytes, const GroupBounds& bounds);
+Kestrel::Rules::Level GroupLevel(const std::vector<std::optional<std::uint64_t>>& freeBytes,
+                                 const Kestrel::Rules::WatchGroupBounds& bounds);
 
 // A label value in UTF-8 with backslash, double quote and line feed escaped.
 std::string EscapeLabelValue(const std::wstring& value);

@@ -66,21 +66,25 @@ std::wstring GroupLabel(const Section& group, std::size_t index) {
   return group.name.empty() ? std::to_wstring(index) : group.name;
 }
 
-GroupBounds BoundsOf(const Section& group) {
+Kestrel::Rules::WatchGroupBounds BoundsOf(const Section& group) {
+  using namespace Kestrel::Rules;
   // The configuration reader has refused a group whose bounds the watcher
   // would refuse.
-  const auto bounds = ReadGroupBounds([&](const wchar_t* key) { return group.Int32(key); });
-  return std::holds_alternative<GroupBounds>(bounds) ? std::get<GroupBounds>(bounds) : GroupBounds{};
+  const auto bounds = ReadWatchGroupBounds([&](const wchar_t* key) { return group.Int32(key); });
+  if (const auto* read = std::get_if<WatchGroupBounds>(&bounds)) return *read;
+  return {kDefaultRecommendedBytes, kDefaultWarningBytes, kDefaultStopBytes, std::nullopt};
 }
 
-Level GroupLevel(const std::vector<std::optional<std::uint64_t>>& freeBytes, const GroupBounds& bounds) {
+Kestrel::Rules::Level GroupLevel(const std::vector<std::optional<std::uint64_t>>& freeBytes,
+                                 const Kestrel::Rules::WatchGroupBounds& bounds) {
+  using Kestrel::Rules::Level;
   Level worst = Level::kNormal;
   for (const auto& bytes : freeBytes) {
     if (!bytes) continue;
     // The watcher holds free space as a signed 64-bit number.
     const auto value = static_cast<std::int64_t>(
         std::min<std::uint64_t>(*bytes, static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())));
-    worst = std::max(worst, EvaluateLevel(value, bounds));
+    worst = std::max(worst, Kestrel::Rules::EvaluateLevel(value, bounds));
   }
   return worst;
 }

@@ -48,6 +48,8 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   fs::create_directories(logs);
   WriteFile(logs / "big.log", std::string(2 * 1024 * 1024 + 1, 'x'));
   WriteFile(logs / "small.log", "fresh\r\n");
+  // A victim left by an interrupted run goes first; this one is stopped and
+  // gone before the next run can ask for the name.
   TestSupport::TestService service(L"WD64HostRunVictim");
   ASSERT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
 
@@ -129,7 +131,7 @@ TEST(HostConfigParse, TypesRangesAndRelativePaths) {
                             "/freeSpaceWatcher/groups/0/Paths/0: expected a non-empty string",
                             "/freeSpaceWatcher/groups/0/name: expected a non-empty string",
                             "/freeSpaceWatcher/groups/1: missing required key \"ServiceNames\"",
-                            "/freeSpaceWatcher/groups/1/FreeSpaceStopServicesLowerBoundMB: give",
+                            "/freeSpaceWatcher/groups/1/FreeSpaceStopServicesLowerBoundMB: Both",
                             "/logPacker/LogsDirectoryPath: must not be empty",
                             "/logPacker/MaxLogFileSizeInMegabytes: must be 0 to 9223372036854775807",
                             "/metrics/every: unknown key",
@@ -168,9 +170,13 @@ TEST(HostConfigParse, EveryRangeKeyTakesItsBoundsAndRefusesOneBeyond) {
       {"/freeSpaceWatcher/groups/0", "FreeSpaceWarningLowerBoundMB", 0, kInt32Max},
       {"/freeSpaceWatcher/groups/0", "FreeSpaceStopServicesLowerBoundGB", 0, kInt32Max},
       {"/freeSpaceWatcher/groups/0", "FreeSpaceStopServicesLowerBoundMB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceRestartServicesLowerBoundGB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceRestartServicesLowerBoundMB", 0, kInt32Max},
       {"/watchdog", "RefreshIntervalSeconds", 1, 4294967},
       {"/logPacker", "MaxLogFileAgeInHours", 0, kInt64Max},
       {"/logPacker", "MaxLogFileSizeInMegabytes", 0, kInt64Max},
+      {"/logPacker", "MaxArchiveAgeInDays", 0, kInt64Max},
+      {"/logPacker", "MaxArchivesTotalSizeInMegabytes", 0, kInt64Max},
       {"/logPacker", "PackIntervalSeconds", 1, 4294967},
       {"/metrics", "intervalSeconds", 1, 86400},
   };

@@ -205,7 +205,7 @@ TEST(MetricsChild, WritesWhenStartedAsASecondProcess) {
 }
 
 TEST(MetricsRules, GroupLevelIsTheWorstReadablePathInAnyOrderAndLabelsAreEscaped) {
-  const Host::GroupBounds bounds{300, 200, 100};
+  const Kestrel::Rules::WatchGroupBounds bounds{300, 200, 100, std::nullopt};
   const std::pair<std::vector<std::optional<std::uint64_t>>, int> levels[] = {
       {{}, 0}, {{300}, 0}, {{299}, 1}, {{200}, 1}, {{199}, 2}, {{100}, 2}, {{99}, 3},  // equal is not below
       {{std::nullopt}, 0},                                                              // unreadable paths do not count

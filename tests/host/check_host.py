@@ -9,12 +9,14 @@ Usage: check_host.py BIN_DIR WINE_RUN PREFIX SERVICE_PREFIX
 
 import json
 import os
+import queue
 import random
 import re
 import shutil
 import signal
 import subprocess
 import sys
+import threading
 import time
 import unittest
 import zipfile
@@ -143,7 +145,8 @@ class Check(unittest.TestCase):
                       "Logger": { "MaxSeverty": "INFO", "MaxSeverity": "VERBOSE", "KeepOpenInterval": "12abc" } },
   "freeSpaceWatcher": { "ActionsPerformIntervalSec": 4294968, "groups": [
     { "Paths": [], "ServiceNames": [], "EventResendTimeoutSec": 5000000 },
-    { "Paths": ["C:\\\\"], "ServiceNames": [], "FreeSpaceStopServicesLowerBoundGB": 30 } ] },
+    { "Paths": ["C:\\\\"], "ServiceNames": [], "FreeSpaceStopServicesLowerBoundGB": 30 },
+    { "Paths": ["C:\\\\"], "ServiceNames": [], "FreeSpaceRestartServicesLowerBoundGB": 10 } ] },
   "watchdog": { "RefreshIntervalSeconds": 0 },
   "logPacker": { "LogsDirectoryPath": "Logs", "LogFileMask": "*.log", "MaxLogFileAgeInHours": -1,
                  "MaxLogFileSizeInMegabytes": 1, "PackIntervalSeconds": 18446744073709552, "LogFileMask": "*.txt" },
@@ -159,7 +162,9 @@ class Check(unittest.TestCase):
                             ("/freeSpaceWatcher/ActionsPerformIntervalSec", "must be 1 to 4294967"),
                             ("/freeSpaceWatcher/groups/0/EventResendTimeoutSec", "must be 1 to 2147483"),
                             ("/freeSpaceWatcher/groups/0/Paths", "must list at least one folder"),
-                            ("/freeSpaceWatcher/groups/1", "the warning bound (20480 MB) must be above"),
+                            ("/freeSpaceWatcher/groups/1", "The warning bound must be above the stop-services bound"),
+                            ("/freeSpaceWatcher/groups/2",
+                             '"FreeSpaceRestartServicesLowerBoundGB" must be at or above the warning bound'),
                             ("/watchdog/RefreshIntervalSeconds", "must be 1 to"),
                             ("/logPacker/MaxLogFileAgeInHours", "must be 0 to"),
                             ("/logPacker/PackIntervalSeconds", "must be 1 to 4294967"),
@@ -168,7 +173,7 @@ class Check(unittest.TestCase):
             self.assertIn(f"{name}: {place}: {text}", out)
         untrusted = f"{win(base)}: folder of the configuration {name}: Everyone (S-1-1-0) may write to it {RULE}"
         self.assertIn(untrusted, out)
-        self.assertIn("14 error(s)", out)
+        self.assertIn("15 error(s)", out)
 
         # The same file stops `run` before anything starts, with the same
         # texts; at a prompt the folder is only warned about.
@@ -225,6 +230,11 @@ class EventSource(unittest.TestCase):
         config = os.path.join(base, "source.jsonc")
         write(config, """{ "globalSettings": { "CoreEventSource": { "EventSourceName": "WD64 Py Source",
                               "EventLogName": "WD64PyLog" } }, "watchdog": { "RefreshIntervalSeconds": 30 } }""")
+        ini = os.path.join(base, "settings.ini")
+        write(ini, "[CoreEventSource]\r\nEventSourceName=WD64 Ini Source\r\nEventLogName=WD64IniLog\r\n")
+        # Registrations an interrupted run left in the prefix go first.
+        host("eventsource", "unregister", "--config", win(config))
+        host("eventsource", "unregister", env={"GLOBAL_SETTINGS_INI": win(ini)})
         rc, out, err = host("check", "--config", win(config))
         self.assertEqual(rc, 3, out + err)
         self.assertIn("'WD64 Py Source' in log 'WD64PyLog'", out)
@@ -236,17 +246,15 @@ class EventSource(unittest.TestCase):
         rc, out, err = host("eventsource", "unregister", "--config", win(config))
         self.assertEqual(rc, 0, out + err)
         rc, out, err = host("eventsource", "unregister", "--config", win(config))
-        self.assertIn("was not registered", out)
+        self.assertIn("was not registered", out + err)
 
-        ini = os.path.join(base, "settings.ini")
-        write(ini, "[CoreEventSource]\r\nEventSourceName=WD64 Ini Source\r\nEventLogName=WD64IniLog\r\n")
         env = {"GLOBAL_SETTINGS_INI": win(ini)}
         rc, out, err = host("eventsource", "register", env=env)
         self.assertEqual(rc, 0, out + err)
         self.assertIn("'WD64 Ini Source' in log 'WD64IniLog'", out)
         env["GS_CoreEventSource_EventSourceName"] = "WD64 Env Source"
         rc, out, err = host("check", env=env)
-        self.assertIn("'WD64 Env Source' in log 'WD64IniLog'", out)
+        self.assertIn("'WD64 Env Source' in log 'WD64IniLog'", out, err)
 
         # Values the module would not understand, wherever they come from.
         write(ini, "[Logger]\r\nMaxSeverity=VERBOSE\r\n[CoreEventSource]\r\nEventSourceName=WD64 Ini Source\r\n"
@@ -256,7 +264,7 @@ class EventSource(unittest.TestCase):
         self.assertRegex(out, r"INI files \(GLOBAL_SETTINGS_INI, .*\): \[Logger\] MaxSeverity: \"VERBOSE\" is not")
         self.assertIn("GS_Logger_KeepOpenInterval: [Logger] KeepOpenInterval: \"5s\" is not a whole number", out)
         rc, out, err = host("eventsource", "unregister", env={"GLOBAL_SETTINGS_INI": win(ini)})
-        self.assertIn(": done", out)
+        self.assertIn(": done", out, err)
 
 
 class Requests(unittest.TestCase):
@@ -316,6 +324,18 @@ class Requests(unittest.TestCase):
             self.assertEqual(done.returncode, 0, (line, out, done.stderr))
             self.assertRegex(out, r"(?m)^C:\\ +\d+", line)
             self.assertRegex(out, r"(?m)^Z:\\ +\d+", line)
+
+
+def held_open(path):
+    """Whether some process on this machine has `path` open."""
+    wanted = os.path.realpath(path)
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            if any(os.readlink(f"/proc/{pid}/fd/{fd}") == wanted for fd in os.listdir(f"/proc/{pid}/fd")):
+                return True
+        except OSError:
+            pass
+    return False
 
 
 def archived_names(logs):
@@ -397,11 +417,18 @@ class RunAndFaults(unittest.TestCase):
         os.makedirs(logs)
         names = make_logs(logs, 2)
         environment = dict(os.environ, WINEDEBUG="-all")
-        holder = subprocess.Popen([WINE_RUN, PREFIX, os.path.join(BIN, "test_helper.exe"), "hold",
-                                   win(os.path.join(logs, "service-000.log")), "8000"], env=environment)
-        time.sleep(2)
-        rc, out, err = host("request", "PackLogs", "--json", "--config", win(packer_config(base, logs)))
-        holder.wait(timeout=60)
+        held = os.path.join(logs, "service-000.log")
+        holder = subprocess.Popen([WINE_RUN, PREFIX, os.path.join(BIN, "test_helper.exe"), "hold", win(held),
+                                   "120000"], env=environment, start_new_session=True)
+        try:
+            # The Wine server keeps a Unix descriptor of every open file.
+            deadline = time.time() + 60
+            while not held_open(held) and time.time() < deadline:
+                time.sleep(0.05)
+            rc, out, err = host("request", "PackLogs", "--json", "--config", win(packer_config(base, logs)))
+        finally:
+            os.killpg(holder.pid, signal.SIGKILL)
+            holder.wait()
         self.assertEqual(rc, 0, out + err)
         item = envelope(out)["items"][0]
         self.assertEqual((item["files"], item["skipped"]), (len(names) - 1, 1), item)
@@ -471,26 +498,39 @@ class RunAndFaults(unittest.TestCase):
 class ServicePrefix(unittest.TestCase):
     """A service in a prefix of its own, whose service manager is started by
     this test with the eventlog debug channel on, so ReportEventW's trace of
-    the host's events reaches `trace`."""
+    the host's events reaches `trace`. An idle program keeps that server up
+    for the whole test: a server on its way out, between two commands, can
+    refuse the next one."""
 
     NAME = "WD64PyService"
 
     def setUp(self):
         self.trace = os.path.join(WORK, "service-trace.txt")
         os.makedirs(WORK, exist_ok=True)
-        subprocess.run([WINE_RUN, SERVICE_PREFIX, HOST, "--version"], capture_output=True, timeout=300)
+        quiet = dict(stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        subprocess.run([WINE_RUN, SERVICE_PREFIX, HOST, "--version"], **quiet, stderr=subprocess.DEVNULL, timeout=300)
         subprocess.run([WINESERVER, "-k"], env=dict(os.environ, WINEPREFIX=os.path.abspath(SERVICE_PREFIX)))
         subprocess.run([WINESERVER, "-w"], env=dict(os.environ, WINEPREFIX=os.path.abspath(SERVICE_PREFIX)))
         self.log = open(self.trace, "wb")
-        # The first program boots the prefix's service manager with this
-        # debug channel; a server still on its way out can refuse it once.
+        # Whichever of these two starts the server, its output is no pipe
+        # (the server would hold it) and the debug channel is on.
+        environment = dict(os.environ, WINEDEBUG="+eventlog")
+        self.keeper = subprocess.Popen([WINE_RUN, SERVICE_PREFIX, os.path.join(BIN, "test_helper.exe"), "sleep",
+                                        "3600000"], **quiet, stderr=self.log, env=environment, start_new_session=True)
         for _ in range(3):
-            if self.svc("--version")[0] == 0:
+            if subprocess.run([WINE_RUN, SERVICE_PREFIX, HOST, "--version"], **quiet, stderr=self.log,
+                              env=environment, timeout=300).returncode == 0:
                 break
             time.sleep(2)
 
+    def stop_keeper(self):
+        if self.keeper.poll() is None:
+            os.killpg(self.keeper.pid, signal.SIGKILL)
+            self.keeper.wait()
+
     def tearDown(self):
         self.svc("service", "uninstall", "--name", self.NAME)
+        self.stop_keeper()
         self.log.close()
 
     def svc(self, *args):
@@ -498,6 +538,15 @@ class ServicePrefix(unittest.TestCase):
         done = subprocess.run([WINE_RUN, SERVICE_PREFIX, HOST, *args], stdout=subprocess.PIPE, stderr=self.log,
                               env=environment, timeout=180)
         return done.returncode, done.stdout.decode("utf-8", "replace")
+
+    def services_running(self):
+        """The service programs running in the prefix, the asking wd64host aside."""
+        rc, out = self.svc("request", "ListProcesses", "--json")
+        self.assertEqual(rc, 0, out)
+        paths = [(item.get("ExecutablePath") or "").lower() for item in envelope(out)["items"]]
+        running = [path for path in paths if path.endswith(("wd64host.exe", "test_service.exe"))]
+        running.remove(next(path for path in running if path.endswith("wd64host.exe")))
+        return running
 
 
 class Service(ServicePrefix):
@@ -514,6 +563,9 @@ class Service(ServicePrefix):
         self.assertIn("running", out)
         rc, out = self.svc("service", "stop", "--name", self.NAME)
         self.assertEqual(rc, 0, out)
+        rc, out = self.svc("service", "status", "--name", self.NAME)
+        self.assertIn("stopped", out)
+        self.assertNotIn("last exit", out)  # a clean stop, no error code
 
         # Installing again updates the command line.
         metrics = os.path.join(base, "wd64.prom")
@@ -535,6 +587,7 @@ class Service(ServicePrefix):
         rc, out = self.svc("service", "start", "--name", self.NAME)
         self.assertEqual(rc, 1, out)
         self.assertIn("service-specific code 1", self.svc("service", "status", "--name", self.NAME)[1])
+        self.stop_keeper()
         subprocess.run([WINESERVER, "-w"], env=dict(os.environ, WINEPREFIX=os.path.abspath(SERVICE_PREFIX)),
                        timeout=120)
         self.log.flush()
@@ -557,46 +610,84 @@ class Service(ServicePrefix):
 
 
 class ServiceFaults(ServicePrefix):
+    """Two stops, then two uninstalls, of one service at once. Windows' service
+    manager hands a service one control at a time, so the later command finds
+    the service stopping, its own stop refused, and must wait like the first.
+    Wine's kills a service that a second stop reaches before it has answered
+    the first, so the commands here go in that order: the service answers at
+    once and stays stopping until `release` exists, the second command starts
+    once the first stop was answered, and the service is let go once the
+    second command has sent its own stop (both seen in Wine's +service trace).
+    """
+
     NAME = "WD64PyServiceTwice"
 
+    def setUp(self):
+        super().setUp()
+        self.release = os.path.join(folder("service-twice"), "release")
+        command = f'"{win(os.path.join(BIN, "test_service.exe"))}" {self.NAME} slow-stop {win(self.release)}'
+        done = subprocess.run([WINE_RUN, SERVICE_PREFIX, "sc", "create", self.NAME, "binpath=", command],
+                              stdout=subprocess.PIPE, stderr=self.log, timeout=180)
+        self.assertEqual(done.returncode, 0)
+
+    def tearDown(self):
+        write(self.release, "")  # lets a service the test left stopping go
+        super().tearDown()
+
+    def traced(self, *args):
+        """wd64host with Wine's service-call trace read line by line as it runs."""
+        process = subprocess.Popen([WINE_RUN, SERVICE_PREFIX, HOST, *args], stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, env=dict(os.environ, WINEDEBUG="+service"))
+        process.lines = queue.Queue()
+        process.trace = []
+
+        def read():
+            for line in process.stderr:
+                process.trace.append(line.decode("utf-8", "replace"))
+                process.lines.put(process.trace[-1])
+            process.lines.put(None)
+        process.reader = threading.Thread(target=read, daemon=True)
+        process.reader.start()
+        return process
+
+    def wait_for_calls(self, process, *calls):
+        for call in calls:
+            while True:
+                line = process.lines.get(timeout=120)
+                self.assertIsNotNone(line, (call, process.trace))
+                if f":service:{call} " in line:
+                    break
+
+    def finish(self, process):
+        with process:
+            out = process.stdout.read().decode("utf-8", "replace")
+            process.reader.join(timeout=180)
+        return process.returncode, out + "".join(process.trace)
+
     def test_two_stops_and_two_uninstalls_at_once(self):
-        base = folder("service-twice")
-        config = os.path.join(base, "twice.jsonc")
-        write(config, '{ "watchdog": { "RefreshIntervalSeconds": 1 } }')
-        self.assertEqual(self.svc("service", "install", "--name", self.NAME, "--config", win(config))[0], 0)
-        self.assertEqual(self.svc("service", "start", "--name", self.NAME)[0], 0)
-        environment = dict(os.environ, WINEDEBUG="-all")
-
-        def twice(*args):
-            both = [subprocess.Popen([WINE_RUN, SERVICE_PREFIX, HOST, *args], stdout=subprocess.PIPE,
-                                     stderr=subprocess.PIPE, env=environment) for _ in range(2)]
-            return [(process.wait(timeout=180), process.communicate()[0].decode("utf-8", "replace"))
-                    for process in both]
-
-        def hosts_running():
-            rc, out, err = host("request", "ListProcesses", "--json", prefix=SERVICE_PREFIX)
-            self.assertEqual(rc, 0, err)
-            return [item for item in envelope(out)["items"]
-                    if "wd64host" in (item.get("ExecutablePath") or "").lower()]
-
-        stops = twice("service", "stop", "--name", self.NAME)
-        # Whichever comes second finds it stopping or stopped; neither may fail.
-        self.assertEqual([rc for rc, _ in stops], [0, 0], stops)
-        # A stop returns once the service's process has ended: its files can go.
-        self.assertEqual(len(hosts_running()), 1, hosts_running())  # only the one asking
-        rc, out = self.svc("service", "status", "--name", self.NAME)
-        self.assertIn("stopped", out)
-        self.assertNotIn("last exit", out)  # a clean stop, no error code
-
-        self.assertEqual(self.svc("service", "start", "--name", self.NAME)[0], 0)
-        removals = twice("service", "uninstall", "--name", self.NAME)
-        self.assertIn(0, [rc for rc, _ in removals], removals)
-        self.assertTrue(all(rc in (0, 1) for rc, _ in removals), removals)
+        for command in ("stop", "uninstall"):
+            self.assertEqual(self.svc("service", "start", "--name", self.NAME)[0], 0)
+            first = self.traced("service", command, "--name", self.NAME)
+            # Its stop control answered: the service reports stopping.
+            self.wait_for_calls(first, "ControlService", "QueryServiceStatus")
+            second = self.traced("service", command, "--name", self.NAME)
+            self.wait_for_calls(second, "ControlService")
+            self.assertIsNone(first.poll(), "the first returned while the service was still stopping")
+            self.assertIsNone(second.poll(), "the second returned while the service was still stopping")
+            write(self.release, "")
+            results = [self.finish(first), self.finish(second)]
+            os.remove(self.release)
+            if command == "stop":
+                # Neither fails, and both return once the service's process has ended.
+                self.assertEqual([rc for rc, _ in results], [0, 0], results)
+                self.assertTrue(all(f"service '{self.NAME}' stopped" in out for _, out in results), results)
+            else:
+                # One removes it; the other finds it marked for deletion.
+                self.assertEqual(sorted(rc for rc, _ in results), [0, 1], results)
+                self.assertTrue(any(f"service '{self.NAME}' removed" in out for _, out in results), results)
+            self.assertEqual(self.services_running(), [], command)
         rc, out = self.svc("service", "status", "--name", self.NAME)
         self.assertEqual(rc, 1, out)
-        # The service's process ended with it.
-        running = hosts_running()
-        self.assertEqual(len(running), 1, running)
 
 
 if __name__ == "__main__":

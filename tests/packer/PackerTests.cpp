@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <windows.h>
+// After windows.h, which it needs.
 #include <tlhelp32.h>
 #include <zlib.h>
 
@@ -13,6 +14,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 #include <mutex>
 #include <set>
@@ -23,9 +25,9 @@
 #include "ErrorHandling.h"
 #include "Handle.h"
 #include "LazySingleton.h"
+#include "Links.h"
 #include "LogPackerConfiguration.h"
 #include "LogPackerRun.h"
-#include "Links.h"
 #include "Processes.h"
 #include "WatchDogConfiguration.h"
 #include "ZipArchive.h"
@@ -62,9 +64,16 @@ NodePtr MakeNode(const std::vector<std::pair<const wchar_t*, std::int64_t>>& num
   return node;
 }
 
-NodePtr PackerNode(const fs::path& logs, std::int64_t hours, std::int64_t megabytes, const wchar_t* mask = L"*.log") {
-  return MakeNode({{L"MaxLogFileAgeInHours", hours}, {L"MaxLogFileSizeInMegabytes", megabytes}},
-                  {{L"LogsDirectoryPath", logs.wstring()}, {L"LogFileMask", mask}});
+// With `keepDays` or `keepMegabytes`, the retention keys too.
+NodePtr PackerNode(const fs::path& logs, std::int64_t hours, std::int64_t megabytes, const wchar_t* mask = L"*.log",
+                   std::int64_t keepDays = 0, std::int64_t keepMegabytes = 0) {
+  NodePtr node = MakeNode({{L"MaxLogFileAgeInHours", hours}, {L"MaxLogFileSizeInMegabytes", megabytes}},
+                          {{L"LogsDirectoryPath", logs.wstring()}, {L"LogFileMask", mask}});
+  for (const auto& [name, value] :
+       {std::pair{L"MaxArchiveAgeInDays", keepDays}, {L"MaxArchivesTotalSizeInMegabytes", keepMegabytes}}) {
+    if (value != 0) node.SetAttribute(name, VHN_TYPE_INT64, &value, sizeof(value));
+  }
+  return node;
 }
 
 // Configures the log packer with `node` and runs one request through it;
@@ -84,15 +93,16 @@ HRESULT PackOnce(const NodePtr& node, NodePtr* response = nullptr, bool bReport 
   return hr;
 }
 
-// A report's children as "PackedFile NAME BYTES" or "SkippedFile NAME: REASON".
+// A report's children as "PackedFile NAME BYTES", "DeletedArchive NAME BYTES"
+// or "SkippedFile NAME: REASON".
 std::vector<std::wstring> ReportLines(const NodePtr& report) {
   std::vector<std::wstring> lines;
   report.ForEachChild([&](NodePtr& child) {
     std::wstring name, reason;
     std::int64_t bytes = -1;
     EXPECT_TRUE(child.TryGetAttribute(L"Name", name) && child.GetName() == name) << name;
-    if (child.GetType() == L"PackedFile" && child.TryGetAttribute(L"Bytes", VHN_TYPE_INT64, &bytes, sizeof(bytes))) {
-      lines.push_back(L"PackedFile " + name + L" " + std::to_wstring(bytes));
+    if (child.TryGetAttribute(L"Bytes", VHN_TYPE_INT64, &bytes, sizeof(bytes))) {
+      lines.push_back(child.GetType() + L" " + name + L" " + std::to_wstring(bytes));
     } else if (child.TryGetAttribute(L"Reason", reason)) {
       lines.push_back(child.GetType() + L" " + name + L": " + reason);
     }
@@ -183,6 +193,15 @@ std::vector<std::wstring> RunArchives(const fs::path& logs) {
   return names;
 }
 
+// The name of an archive made `ago` (FILETIME ticks) before now by the local clock.
+std::wstring ArchiveMadeAgo(std::uint64_t ago) {
+  const std::uint64_t when = Kestrel::GetLocalTimeAsFileTime() - ago;
+  const FILETIME time{static_cast<DWORD>(when), static_cast<DWORD>(when >> 32)};
+  SYSTEMTIME local;
+  ::FileTimeToSystemTime(&time, &local);
+  return ArchiveName(local);
+}
+
 // "logs\<name>" of the one archive a run left; empty if there is not exactly one.
 std::wstring TheArchive(const fs::path& folder) {
   const auto archives = RunArchives(folder / L"logs");
@@ -203,19 +222,20 @@ void ExpectSurvivor(const fs::path& folder, const std::wstring& name, const wcha
   Manifest(folder, L"survivors.tsv", name + L"\toriginals\\" + name + L'\t' + mode);
 }
 
-// Keeps the module's error lines per source while it lives.
+// Keeps the module's error, warning and information lines per source while it lives.
 class LogCapture final : VHLogger::Detail::IFormatter {
  public:
   LogCapture() { VHLogger::GetLogger().SetFormatter(this); }
   ~LogCapture() override { VHLogger::GetLogger().SetFormatter(nullptr); }
   Lines Errors(const std::wstring& source) const { return Get(2, source); }
   Lines Warnings(const std::wstring& source) const { return Get(3, source); }
+  Lines Infos(const std::wstring& source) const { return Get(4, source); }
 
  private:
   void Format(std::wstring&, unsigned severity, const wchar_t* source, unsigned number, std::wstring_view message,
               int, const SYSTEMTIME*) const override {
     std::lock_guard<std::mutex> lock(m_mutex);  // the worker thread logs too
-    if (severity == 2 || severity == 3) m_lines[{severity, source ? source : L""}].emplace_back(number, message);
+    if (severity >= 2 && severity <= 4) m_lines[{severity, source ? source : L""}].emplace_back(number, message);
   }
   Lines Get(unsigned severity, const std::wstring& source) const {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -331,6 +351,16 @@ TEST(LogPackerRules, ArchiveNamesLimitsAndPackerOwnNames) {
                               L"logs_20200101000000_x.zip", L"logs_20200101000000.zip.log", L"my_logs_20200101000000.zip"}) {
     EXPECT_FALSE(IsArchiveName(name) || IsPackerOwnName(name)) << name;
   }
+  // Archives are dated by their names; numbered ones of one second keep their order, a stamp
+  // that is no date is never chosen and one ahead of the clock is young.
+  EXPECT_FALSE(ArchiveStampOf(L"logs_20001301000000.zip") || ArchiveStampOf(L"app.zip"));
+  const auto beyond = ArchivesBeyondLimits({{L"logs_20200101000000_10.zip", 1},
+                                            {L"logs_20200101000000_9.zip", 1},
+                                            {L"logs_20301301000000.zip", 1},
+                                            {L"logs_20300101000000.zip", 1}},
+                                           ArchiveStampOf(L"logs_20250101000000.zip")->localTime, 1, 0, L"");
+  ASSERT_EQ(beyond.size(), 2u);
+  EXPECT_EQ(beyond[0].name + beyond[1].name, L"logs_20200101000000_9.ziplogs_20200101000000_10.zip");
   const std::wstring moved = MovedName(0x01DC5A0012345678ull, L"app.log");
   EXPECT_EQ(moved, L"~wd64pack.01DC5A0012345678.app.log");
   EXPECT_EQ(OriginalOfMoved(moved), L"app.log");
@@ -513,6 +543,69 @@ TEST(LogPackerRun, SkipsLinksItsOwnArchivesAndWhatIsHeldAndTakesNamesAsFound) {
   EXPECT_TRUE(Untouched(folder, L"logs_20200101000000.zip"));
 }
 
+TEST(LogPackerRun, RetentionDeletesOnlyItsOwnArchivesBeyondTheLimitsOldestFirst) {
+  const auto folder = FreshFolder(L"packer-retention");
+  const auto logs = folder / L"logs", outside = folder / L"outside";
+  constexpr std::uint64_t kDay = 24 * kHour;
+  // Archives 40, 20, 10, 5 and 2 days old by their names (the files
+  // themselves are new), zips of other names, and a symbolic and a hard link
+  // named like old archives, to files outside.
+  const std::vector<std::pair<std::wstring, std::uint64_t>> archives{{ArchiveMadeAgo(40 * kDay), 300 << 10},
+                                                                     {ArchiveMadeAgo(20 * kDay), 300 << 10},
+                                                                     {ArchiveMadeAgo(10 * kDay), 600 << 10},
+                                                                     {ArchiveMadeAgo(5 * kDay), 300 << 10},
+                                                                     {ArchiveMadeAgo(2 * kDay), 300 << 10}};
+  for (const auto& [name, bytes] : archives) std::ofstream(logs / name, std::ios::binary) << std::string(bytes, 'z');
+  const std::vector<std::wstring> others{L"old.zip", L"logs_2000010100000.zip", L"my_logs_20000101000000.zip",
+                                         L"logs_20001301000000.zip"};
+  for (const auto& name : others) MakeLog(folder, name, 100, 400 * kDay);
+  fs::create_directories(outside);
+  for (const wchar_t* name : {L"soft.zip", L"hard.zip"}) std::ofstream(outside / name) << "outside";
+  TestSupport::MakeLink((outside / L"soft.zip").wstring(), (logs / L"logs_19990101000000.zip").wstring());
+  TestSupport::MakeLink((outside / L"hard.zip").wstring(), (logs / L"logs_19990102000000.zip").wstring(), false);
+  MakeLog(folder, L"due.log", 5000, 48 * kHour);
+
+  // The 40-day one goes for its age, then the oldest while all together
+  // hold more than 1 MiB; this run's archive counts but stays.
+  LogCapture capture;
+  NodePtr report;
+  ASSERT_EQ(PackOnce(PackerNode(logs, 24, 100, L"*.log", 30, 1), &report), S_OK);
+  std::vector<std::wstring> lines{L"PackedFile due.log 5000"}, infos;
+  for (int i = 0; i < 3; ++i) {
+    lines.push_back(L"DeletedArchive " + archives[i].first + L" " + std::to_wstring(archives[i].second));
+    infos.push_back(L"Deleted archive \"" + archives[i].first + L"\" (" + std::to_wstring(archives[i].second) +
+                    L" bytes): " + (i == 0 ? L"older than 30 days" : L"the archives held more than 1 MB"));
+  }
+  EXPECT_EQ(ReportLines(report), lines);
+  for (const auto& [line, text] : capture.Infos(L"LogPacker")) std::erase(infos, text);
+  EXPECT_EQ(infos, std::vector<std::wstring>{});
+  const auto warnings = capture.Warnings(L"LogPacker");
+  ASSERT_EQ(warnings.size(), 2u);
+  EXPECT_EQ(warnings[0].second.rfind(L"Archive \"logs_1999010", 0), 0u) << warnings[0].second;
+
+  // A run whose own archive alone is above the limit deletes every other
+  // archive of its own, oldest first, and keeps its own.
+  std::string noise(1200 << 10, '\0');
+  std::uint32_t state = 1;
+  for (char& c : noise) c = static_cast<char>((state = state * 1664525u + 1013904223u) >> 24);
+  std::ofstream(logs / L"noise.log", std::ios::binary) << noise;
+  SetAge(logs / L"noise.log", 48 * kHour);
+  const std::wstring first = RunArchives(logs).back();
+  const std::uintmax_t firstBytes = fs::file_size(logs / first);
+  ASSERT_EQ(PackOnce(PackerNode(logs, 24, 100, L"*.log", 30, 1), &report), S_OK);
+  lines = {L"PackedFile noise.log " + std::to_wstring(noise.size())};
+  for (const auto& name : {archives[3].first, archives[4].first}) {
+    lines.push_back(L"DeletedArchive " + name + L" " + std::to_wstring(300 << 10));
+  }
+  lines.push_back(L"DeletedArchive " + first + L" " + std::to_wstring(firstBytes));
+  EXPECT_EQ(ReportLines(report), lines);
+  EXPECT_EQ(ListFiles(logs, L"*.zip").size(), others.size() + 3);  // the two links and the run's own
+  for (const auto& name : others) EXPECT_TRUE(Untouched(folder, name)) << name;
+  for (const wchar_t* name : {L"logs_19990101000000.zip", L"logs_19990102000000.zip"}) {
+    EXPECT_EQ(ReadAll(logs / name), "outside") << name;  // the links and what they lead to
+  }
+}
+
 TEST(LogPackerRun, PublishesLastAndPacksEachFileOnceReadOnlyOrUndeletable) {
   const auto folder = FreshFolder(L"packer-order");
   const auto logs = folder / L"logs";
@@ -590,7 +683,7 @@ TEST(LogPackerChild, PacksTheFolderNamedInTheEnvironment) {
     Handle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, ready));
     ::SetEvent(event.Get());
   }
-  EXPECT_EQ(PackOnce(PackerNode(logs, 24, 100)), S_OK);
+  EXPECT_EQ(PackOnce(PackerNode(logs, 24, 100, L"*.log", 3650)), S_OK);
 }
 
 // A second process for the live-log test: numbered lines through the module's
@@ -618,6 +711,12 @@ TEST(LogPackerFaults, RunsKilledAtAnyMomentLoseNothing) {
       MakeLog(folder, names.back(), kMiB + 37000u * (round + k), 30 * kHour, round * 3 + k);
       bytesWaiting += kMiB + 37000u * (round + k);
     }
+    // Archives beyond the child's retention limit, for its runs to delete.
+    for (const int hour : {0, 12}) {
+      wchar_t name[32];
+      std::swprintf(name, 32, L"logs_200001%02d%02d0000.zip", round + 1, hour);
+      std::ofstream(folder / L"logs" / name) << "old";
+    }
     ::ResetEvent(event.Get());
     TestSupport::Process child = StartPackingChild(folder / L"logs", ready);
     const HANDLE waits[] = {event.Get(), child.Get()};
@@ -630,7 +729,7 @@ TEST(LogPackerFaults, RunsKilledAtAnyMomentLoseNothing) {
       continue;
     }
     // Spread over a run's whole length: the start, the entries, publishing
-    // the archive and the deletes, and a little after.
+    // the archive, the deletes of logs and old archives, and a little after.
     const double share = std::fmod(round * 0.618034, 1.0) * 1.2;
     ::Sleep(static_cast<DWORD>(share * msPerMiB * (bytesWaiting / double(kMiB))));
     if (child.Running()) {
@@ -641,7 +740,8 @@ TEST(LogPackerFaults, RunsKilledAtAnyMomentLoseNothing) {
     }
   }
   std::printf("[          ] a run took %.0f ms a MiB; %d of 20 runs killed before they finished\n", msPerMiB, killed);
-  ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 100)), S_OK);  // the clean run
+  ASSERT_EQ(PackOnce(PackerNode(folder / L"logs", 24, 100, L"*.log", 3650)), S_OK);  // the clean run
+  EXPECT_EQ(ListFiles(folder / L"logs", L"logs_2000*.zip"), std::vector<std::wstring>{});
   for (const auto& name : names) ExpectSurvivor(folder, name, L"any");
   EXPECT_EQ(ListFiles(folder / L"logs", L"*.log"), std::vector<std::wstring>{});
   EXPECT_EQ(PackerOwnFiles(folder / L"logs"), std::vector<std::wstring>{});
@@ -745,13 +845,19 @@ TEST(LogPackerHuge, FiveGiBLogBecomesOneZip64Entry) {
   ExpectEntry(folder, TheArchive(folder), L"huge.log", expected);
 }
 
-TEST(WatchDogRefreshRule, ElapsedWrappedAndNegativeIntervals) {
+TEST(WatchDogRefreshRule, ElapsedWrappedAndNegativeIntervalsAndTheWaitUntilDue) {
   EXPECT_FALSE(IsRefreshDue(1000, 2000, 1));  // the last millisecond is still inside
   EXPECT_TRUE(IsRefreshDue(1000, 2001, 1));
   EXPECT_TRUE(IsRefreshDue(0xFFFFFFF0u, 0x10u, 3600));  // a tick count that wrapped is due at once
   EXPECT_FALSE(IsRefreshDue(0, 0xFFFFFFFFu, 5000000));  // no 32-bit overflow in the bound
   EXPECT_FALSE(IsRefreshDue(0, 0xFFFFFFFFu, -1));       // a negative interval: only the wrap fires
   EXPECT_TRUE(IsRefreshDue(100, 99, -1));
+  // A worker sleeps a timer step past the period's end, never past the wrap.
+  using Kestrel::Detail::MillisecondsUntilDue;
+  EXPECT_EQ(MillisecondsUntilDue(1000, 1500, 1000), 501u + Kestrel::Detail::kTimerStepMs);
+  EXPECT_EQ(MillisecondsUntilDue(1000, 2001, 1000), 0u);
+  EXPECT_EQ(MillisecondsUntilDue(0xFFFFFF00u, 0xFFFFFF00u, 3'600'000), 0x100u);
+  EXPECT_EQ(MillisecondsUntilDue(1, 1, UINT64_MAX - 7), INFINITE - 1);
 }
 
 TEST(WatchDogWorker, OneThreadFromConfigureUntilShutdownOrTheLogPackersLastRelease) {
@@ -768,11 +874,14 @@ TEST(WatchDogWorker, OneThreadFromConfigureUntilShutdownOrTheLogPackersLastRelea
 
   // Reconfiguring, through the same or another component, replaces the worker;
   // bad configurations leave it and its interval alone.
-  NodePtr node = interval(30);
+  // A worker sleeping for an hour is replaced at once.
+  NodePtr node = interval(3600);
   ASSERT_EQ(first->Configure(node.Get()), S_OK);
   EXPECT_EQ(CountThreads(), baseline + 1);
   ASSERT_EQ(first->Configure(node.Get()), S_OK);
-  ASSERT_EQ(second->Configure(interval(1).Get()), S_OK);
+  auto replaced = std::async(std::launch::async, [&] { return second->Configure(interval(1).Get()); });
+  ASSERT_EQ(replaced.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  ASSERT_EQ(replaced.get(), S_OK);
   EXPECT_EQ(first->Configure(MakeNode({}).Get()), static_cast<HRESULT>(0x80070490));
   EXPECT_EQ(first->Configure(nullptr), E_POINTER);
   EXPECT_EQ(CountThreads(), baseline + 1);

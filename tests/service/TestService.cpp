@@ -4,7 +4,11 @@
 // one program serves any number of registered test services. With
 // "hold-stop" after the name, the stop control is answered only once the
 // event "Global\<name>-release" is set, so a caller of ControlService stays
-// inside that call until the test lets it go.
+// inside that call until the test lets it go. With "slow-stop FILE" instead,
+// the stop control is answered at once and the service stays stopping until
+// FILE exists (two minutes at most). With "stop-code=<file>" it stops with a
+// service-specific exit code, the size of that file in bytes when the stop
+// control arrived: what had been written to it by then.
 
 #include <windows.h>
 
@@ -16,6 +20,9 @@ namespace {
 SERVICE_STATUS_HANDLE g_hStatus = nullptr;
 HANDLE g_hStopEvent = nullptr;
 HANDLE g_hReleaseEvent = nullptr;
+std::wstring g_sStopCodeFile;
+DWORD g_nStopCode = 0;
+wchar_t g_releaseFile[MAX_PATH] = L"";
 
 void Report(DWORD state, DWORD exitCode = NO_ERROR) {
   SERVICE_STATUS status{};
@@ -23,6 +30,7 @@ void Report(DWORD state, DWORD exitCode = NO_ERROR) {
   status.dwCurrentState = state;
   status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
   status.dwWin32ExitCode = exitCode;
+  status.dwServiceSpecificExitCode = g_nStopCode;
   ::SetServiceStatus(g_hStatus, &status);
 }
 
@@ -30,6 +38,10 @@ DWORD WINAPI Handler(DWORD control, DWORD, void*, void*) {
   switch (control) {
     case SERVICE_CONTROL_STOP:
       if (g_hReleaseEvent != nullptr) ::WaitForSingleObject(g_hReleaseEvent, INFINITE);
+      if (WIN32_FILE_ATTRIBUTE_DATA data;
+          !g_sStopCodeFile.empty() && ::GetFileAttributesExW(g_sStopCodeFile.c_str(), GetFileExInfoStandard, &data)) {
+        g_nStopCode = data.nFileSizeLow;
+      }
       Report(SERVICE_STOP_PENDING);
       ::SetEvent(g_hStopEvent);
       return NO_ERROR;
@@ -51,8 +63,11 @@ void WINAPI ServiceMain(DWORD argc, wchar_t** argv) {
   }
   Report(SERVICE_RUNNING);
   ::WaitForSingleObject(g_hStopEvent, INFINITE);
+  for (int i = 0; *g_releaseFile && ::GetFileAttributesW(g_releaseFile) == INVALID_FILE_ATTRIBUTES && i < 2400; ++i) {
+    ::Sleep(50);
+  }
   ::CloseHandle(g_hStopEvent);
-  Report(SERVICE_STOPPED);
+  Report(SERVICE_STOPPED, g_sStopCodeFile.empty() ? NO_ERROR : ERROR_SERVICE_SPECIFIC_ERROR);
 }
 
 }  // namespace
@@ -65,6 +80,14 @@ int main(int argc, char** argv) {
   if (argc > 2 && std::strcmp(argv[2], "hold-stop") == 0) {
     const std::wstring release = std::wstring(L"Global\\") + name + L"-release";
     g_hReleaseEvent = ::CreateEventW(nullptr, TRUE, FALSE, release.c_str());
+  }
+  if (argc > 2 && std::strncmp(argv[2], "stop-code=", 10) == 0) {
+    wchar_t file[MAX_PATH] = L"";
+    ::MultiByteToWideChar(CP_ACP, 0, argv[2] + 10, -1, file, MAX_PATH);
+    g_sStopCodeFile = file;
+  }
+  if (argc > 3 && std::strcmp(argv[2], "slow-stop") == 0) {
+    ::MultiByteToWideChar(CP_ACP, 0, argv[3], -1, g_releaseFile, MAX_PATH);
   }
   SERVICE_TABLE_ENTRYW table[] = {{name, &ServiceMain}, {nullptr, nullptr}};
   return ::StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(::GetLastError());

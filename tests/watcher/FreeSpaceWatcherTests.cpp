@@ -15,10 +15,12 @@
 #include <vector>
 
 #include "DataLayer/NodePtr.h"
+#include "FreeSpaceChecker.h"
 #include "Handle.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "Processes.h"
 #include "ServiceHandle.h"
+#include "WorkerPeriod.h"
 #include "components/ComponentsCommon.h"
 #include "logger/Logger.h"
 #include "logger/detail/LogInterfaces.h"
@@ -129,6 +131,7 @@ struct Watcher {
 };
 
 using TestSupport::TestService;
+using TestSupport::WaitForServiceState;
 
 }  // namespace
 
@@ -143,6 +146,8 @@ TEST(FreeSpaceWatcherConfigure, InvalidSettingsReturnTheirCodeAndLogWhy) {
       {L"0x80070057", "recommended", [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceRecommendedMinimumMB", 20); }},
       {L"0x80070057", "resend 0", [](NodePtr&, NodePtr& g) { SetInt(g, L"EventResendTimeoutSec", 0); }},
       {L"0x80070057", "resend < 0", [](NodePtr&, NodePtr& g) { SetInt(g, L"EventResendTimeoutSec", -5); }},
+      {L"0x80070057 \"FreeSpaceRestartServicesLowerBoundMB\" must be at or above the warning bound", "restart",
+       [](NodePtr&, NodePtr& g) { SetInt(g, L"FreeSpaceRestartServicesLowerBoundMB", 19); }},
       {L"0x80070057", "GB < 0", [](NodePtr&, NodePtr& g) { g = Group({L"C:\\"}, {}, -1, -2, 1, L"GB"); }},
       {L"0x80070490", "no Paths", [](NodePtr&, NodePtr& g) { g = Group({}, {}, 20, 10, 1, L"MB", L"Paths"); }},
       {L"0x80070490", "no names", [](NodePtr&, NodePtr& g) { g = Group({}, {}, 20, 10, 1, L"MB", L"ServiceNames"); }},
@@ -165,15 +170,26 @@ TEST(FreeSpaceWatcherConfigure, InvalidSettingsReturnTheirCodeAndLogWhy) {
 TEST(FreeSpaceWatcherConfigure, ASecondConfigureWhileRunningFailsAndTheWorkerGoesOn) {
   const std::wstring folder = TestFolder(L"reconfigured");
   LogCapture log;
+  // A sleeping worker ends as soon as it is told, whatever its interval.
+  Watcher sleeper;
+  NodePtr hourly = Config({Group({folder}, {}, 2, 1)});
+  SetInt(hourly, L"ActionsPerformIntervalSec", 3600);
+  ASSERT_EQ(sleeper.Configure(hourly), S_OK);
+  auto shutdown = std::async(std::launch::async, [&] { return sleeper.Shutdown(); });
+  ASSERT_EQ(shutdown.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+
+  const auto wakeUps = Kestrel::Detail::WakeUpCounts().watcher.load();
   Watcher watcher;
   ASSERT_EQ(watcher.Configure(Config({Group({folder}, {}, 2, 1)})), S_OK);
   EXPECT_EQ(watcher.Configure(Config({})), static_cast<HRESULT>(0x8007139F));
   EXPECT_TRUE(
       std::regex_search(log.Text(), std::wregex(L"\\| ERR  \\|.*Failed to configure Free Space Watcher: 0x8007139F ")));
-  // The first configuration's group is still checked.
+  // The first configuration's group is still checked; the worker wakes once
+  // a cycle (and once more for the Shutdown).
   const std::wstring cycle = L"Free space in " + Quoted(folder);
   EXPECT_TRUE(WaitFor([&] { return CountOf(log.Text(), cycle) >= 2; }));
   EXPECT_EQ(watcher.Shutdown(), S_OK);
+  EXPECT_LE(Kestrel::Detail::WakeUpCounts().watcher.load() - wakeUps, CountOf(log.Text(), cycle) + 1);
 }
 
 TEST(FreeSpaceWatcherCycle, EventsAndServiceStopsOnRealDisks) {
@@ -252,4 +268,61 @@ TEST(FreeSpaceWatcherCycle, ShutdownFinishesTheCurrentStepAndSkipsTheRest) {
   EXPECT_EQ(CountOf(log.Text(), L"Exiting: Stopping service \"WD64WatcherHeld\""), 1u);
   EXPECT_EQ(CountOf(log.Text(), L"Stopping service \"WD64WatcherUntouched\""), 0u);
   EXPECT_EQ(untouched.State(), static_cast<DWORD>(SERVICE_RUNNING));
+}
+
+TEST(FreeSpaceWatcherCycle, StartsAgainOnlyWhatItStoppedAfterTwoChecksAboveTheRestartBound) {
+  using namespace Kestrel::Detail;
+  // Stored samples stand in for a disk that cannot be driven; the services,
+  // the events file and the log are real. The first service stops with the
+  // size the events file had when its stop control arrived.
+  TestService own(L"WD64RestartOwn", L"\"stop-code=" + g_sEventsFile + L"\"");
+  TestService failing(L"WD64RestartFailing");
+  TestService byHand(L"WD64RestartByHand");
+  ASSERT_TRUE(byHand.Stop());
+  auto services = AuditArchive::MakeEnumerableSequencer<std::wstring>();
+  for (const auto& name : {own.name, failing.name, byHand.name, std::wstring(L"WD64NoSuchService")})
+    services->Add(name);
+  constexpr std::int64_t kMB = 1 << 20;
+  FreeSpaceChecker checker(services, {400 * kMB, 200 * kMB, 100 * kMB, 300 * kMB}, 3600000, 0);
+  DWORD now = 0;
+  const auto cycle = [&](std::int64_t freeMB) {
+    auto samples = AuditArchive::MakeEnumerableSequencer<FreeSpaceSample>();
+    samples->Add({L"C:\\data", freeMB * kMB});
+    checker.RunCycle(samples, now += 1000);
+  };
+  LogCapture log;
+  const std::size_t eventsBefore = ReadEvents().size();
+  cycle(50);
+  ASSERT_TRUE(WaitForServiceState(own.service, SERVICE_STOPPED) &&
+              WaitForServiceState(failing.service, SERVICE_STOPPED));
+  SERVICE_STATUS status{};
+  ASSERT_TRUE(::QueryServiceStatus(own.service.Get(), &status));
+  const std::wstring critical = L"\"C:\\data\" (50 MB)";
+  const std::size_t eventEnd = ReadEvents().find(critical, eventsBefore) + critical.size();
+  EXPECT_LE(eventEnd * sizeof(wchar_t), status.dwServiceSpecificExitCode) << "the stop came before the event";
+
+  // Hovering between the bounds, a second fall and a single check above the
+  // restart bound start nothing.
+  ASSERT_TRUE(::ChangeServiceConfigW(failing.service.Get(), SERVICE_NO_CHANGE, SERVICE_DISABLED, SERVICE_NO_CHANGE,
+                                     nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
+  for (const std::int64_t freeMB : {150, 250, 150, 50, 350, 150, 300}) cycle(freeMB);
+  EXPECT_EQ(CountOf(log.Text(), L"Starting service"), 0u);
+  EXPECT_EQ(CountOf(ReadEvents(eventsBefore), L"EventId: 4303"), 0u);
+  cycle(350);  // the second check in a row: what it stopped, in reverse order
+  EXPECT_TRUE(WaitForServiceState(own.service, SERVICE_RUNNING));
+  const std::wstring text = log.Text();
+  EXPECT_LT(text.find(L"Entering: Starting service \"WD64RestartFailing\""),
+            text.find(L"Entering: Starting service \"WD64RestartOwn\""));
+  EXPECT_TRUE(std::regex_search(
+      text, std::wregex(L"\\| WARN \\|[^\r]*Failed to start service \"WD64RestartFailing\": 0x80070422")));
+  cycle(400);
+  EXPECT_EQ(byHand.State(), static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_EQ(CountOf(log.Text(), L"Starting service"), 4u);  // entering and exiting, twice
+  const std::wstring events = ReadEvents(eventsBefore);
+  EXPECT_EQ(CountOf(events, L"EventId: 4303; Type: 'Information'(4)"), 1u);
+  EXPECT_NE(events.find(L"watched paths: \"C:\\data\" (350 MB)."), std::wstring::npos) << events;
+  EXPECT_NE(events.find(L"what it did with them: WD64RestartOwn (started), WD64RestartFailing (failed to start: "
+                        L"0x80070422 "),
+            std::wstring::npos)
+      << events;
 }

@@ -1,6 +1,8 @@
 #include "LogPackerRules.h"
 
+#include <algorithm>
 #include <cwchar>
+#include <tuple>
 
 namespace Kestrel::PackerRules {
 
@@ -76,6 +78,65 @@ bool IsArchiveName(std::wstring_view name) noexcept {
   if (Span(stamp, 0, IsDigit) != 14) return false;
   if (stamp.size() == 14) return true;
   return stamp[14] == L'_' && stamp.size() > 15 && Span(stamp, 15, IsDigit) == stamp.size() - 15;
+}
+
+std::optional<ArchiveStamp> ArchiveStampOf(std::wstring_view name) noexcept {
+  if (!IsArchiveName(name)) return std::nullopt;
+  const auto number = [&](std::size_t at, std::size_t digits) {
+    std::uint64_t value = 0;
+    for (std::size_t i = at; i < at + digits; ++i) value = value * 10 + static_cast<std::uint64_t>(name[i] - L'0');
+    return value;
+  };
+  SYSTEMTIME time{};
+  time.wYear = static_cast<WORD>(number(5, 4));
+  time.wMonth = static_cast<WORD>(number(9, 2));
+  time.wDay = static_cast<WORD>(number(11, 2));
+  time.wHour = static_cast<WORD>(number(13, 2));
+  time.wMinute = static_cast<WORD>(number(15, 2));
+  time.wSecond = static_cast<WORD>(number(17, 2));
+  FILETIME fileTime;
+  if (!::SystemTimeToFileTime(&time, &fileTime)) return std::nullopt;
+  ArchiveStamp stamp{(static_cast<std::uint64_t>(fileTime.dwHighDateTime) << 32) | fileTime.dwLowDateTime, 1};
+  // "logs_" + 14 digits + "_N" + ".zip"; the digits of N are checked already.
+  const std::size_t numberDigits = name.size() > 23 ? name.size() - 24 : 0;
+  if (numberDigits > 0) stamp.number = numberDigits > 19 ? UINT64_MAX : number(20, numberDigits);
+  return stamp;
+}
+
+std::vector<ArchiveBeyond> ArchivesBeyondLimits(std::vector<ArchiveFacts> archives, std::uint64_t localNow,
+                                                std::uint64_t maxAgeInDays, std::uint64_t maxTotalMegabytes,
+                                                std::wstring_view keep) {
+  struct Dated {
+    ArchiveStamp stamp;
+    ArchiveFacts* facts;
+  };
+  std::vector<Dated> dated;
+  std::uint64_t total = 0;
+  for (ArchiveFacts& facts : archives) {
+    if (const auto stamp = ArchiveStampOf(facts.name)) {
+      dated.push_back({*stamp, &facts});
+      total += facts.bytes;
+    }
+  }
+  std::sort(dated.begin(), dated.end(), [](const Dated& a, const Dated& b) {
+    return std::tie(a.stamp.localTime, a.stamp.number, a.facts->name) <
+           std::tie(b.stamp.localTime, b.stamp.number, b.facts->name);
+  });
+  const bool bAgeLimit = maxAgeInDays != 0 && maxAgeInDays <= UINT64_MAX / kFileTimeTicksPerDay;
+  const bool bSizeLimit = maxTotalMegabytes != 0 && maxTotalMegabytes < (1ull << 44);
+  std::vector<ArchiveBeyond> beyond;
+  for (const Dated& archive : dated) {
+    if (archive.facts->name == keep) continue;
+    // A stamp ahead of the clock is young, not wrapped to a huge age.
+    const bool bTooOld = bAgeLimit && localNow > archive.stamp.localTime &&
+                         localNow - archive.stamp.localTime > maxAgeInDays * kFileTimeTicksPerDay;
+    const bool bTooMany = bSizeLimit && total > (maxTotalMegabytes << 20);
+    if (bTooOld || bTooMany) {
+      beyond.push_back({archive.facts->name, bTooOld});
+      total -= archive.facts->bytes;
+    }
+  }
+  return beyond;
 }
 
 std::wstring MovedName(std::uint64_t unique, const std::wstring& name) { return kMovedPrefix + Hex16(unique) + L"." + name; }

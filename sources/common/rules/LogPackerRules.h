@@ -7,12 +7,15 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Kestrel::PackerRules {
 
 constexpr std::uint64_t kFileTimeTicksPerHour = 36'000'000'000ull;
+constexpr std::uint64_t kFileTimeTicksPerDay = 24 * kFileTimeTicksPerHour;
 
 // The age is taken between the local wall clock and the (UTC) creation time,
 // in whole microseconds, unsigned: a creation time ahead of the clock wraps
@@ -34,6 +37,35 @@ std::wstring ArchiveName(const SYSTEMTIME& localTime);
 std::wstring NumberedArchiveName(const std::wstring& archiveName, unsigned number);
 // "logs_" + 14 digits + optionally "_" and digits + ".zip", in any case.
 bool IsArchiveName(std::wstring_view name) noexcept;
+
+// The local time an archive's name carries (FILETIME ticks, taken as they
+// stand) and its number (1 without "_N"); nothing for a name that is not an
+// archive's or a stamp that is no date.
+struct ArchiveStamp {
+  std::uint64_t localTime;
+  std::uint64_t number;
+};
+std::optional<ArchiveStamp> ArchiveStampOf(std::wstring_view name) noexcept;
+
+// An archive found in the logs folder.
+struct ArchiveFacts {
+  std::wstring name;
+  std::uint64_t bytes;
+};
+
+// The archives beyond the retention limits, oldest first by the stamps in
+// their names: those whose stamp is more than `maxAgeInDays` behind the local
+// clock, then the oldest of the rest while all together hold more than
+// `maxTotalMegabytes`. `keep` (the archive the run made) counts towards the
+// total but is never chosen; a name without a stamp is left out of both. 0,
+// or a limit too large for 64 bits, means no limit of that kind.
+struct ArchiveBeyond {
+  std::wstring name;
+  bool bTooOld;  // else it went for the total
+};
+std::vector<ArchiveBeyond> ArchivesBeyondLimits(std::vector<ArchiveFacts> archives, std::uint64_t localNow,
+                                                std::uint64_t maxAgeInDays, std::uint64_t maxTotalMegabytes,
+                                                std::wstring_view keep);
 
 // A file taken for packing: "~wd64pack.<16 hex digits>.<its name>". The hex
 // digits grow with time, so older generations sort first.

@@ -1,5 +1,7 @@
 #include "FreeSpaceChecker.h"
 
+#include <algorithm>
+#include <cwchar>
 #include <limits>
 
 #include "ErrorHandling.h"
@@ -13,12 +15,33 @@ namespace {
 
 constexpr wchar_t kSource[] = L"FreeSpaceWatcher";
 
+using Rules::Level;
+
 std::int64_t ToMegabytes(std::int64_t bytes) noexcept { return bytes / 1024 / 1024; }
 
 std::shared_ptr<AuditArchive::IEnumerator<FreeSpaceSample>> SelectBelow(const SampleList& samples,
                                                                         std::int64_t bound) {
   return AuditArchive::Filter<FreeSpaceSample>(
       samples->GetEnumerator(), [bound](const FreeSpaceSample& sample) { return sample.second < bound; });
+}
+
+// "0x80070422 The service cannot be started ...", without the origin.
+std::wstring ErrorSummary(const HRX& error) {
+  wchar_t code[16];
+  std::swprintf(code, 16, L"0x%08X", static_cast<unsigned>(error.Code()));
+  return std::wstring(code) + L" " + error.Description();
+}
+
+// "Name (what was done)" for each service the watcher stopped, in configured
+// order; "none" when it stopped none.
+std::wstring FormatOutcomes(const std::vector<EpisodeService>& services) {
+  std::wstring text;
+  for (const EpisodeService& service : services) {
+    if (!service.bStopped) continue;
+    if (!text.empty()) text += L", ";
+    text += service.name + L" (" + service.outcome + L")";
+  }
+  return text.empty() ? L"none" : text;
 }
 
 }  // namespace
@@ -65,6 +88,25 @@ void StopService(const std::wstring& name) {
   ThrowLastErrorIf(!::ControlService(service.Get(), SERVICE_CONTROL_STOP, &status));
 }
 
+void StartService(const std::wstring& name) {
+  VH_TRACE_SCOPE(kSource, L"Starting service \"" + name + L"\"");
+  ServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+  ThrowLastErrorIf(!manager);
+  ServiceHandle service(::OpenServiceW(manager.Get(), name.c_str(), SERVICE_START));
+  ThrowLastErrorIf(!service);
+  ThrowLastErrorIf(!::StartServiceW(service.Get(), 0, nullptr));
+}
+
+DWORD QueryServiceState(const std::wstring& name) {
+  ServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+  ThrowLastErrorIf(!manager);
+  ServiceHandle service(::OpenServiceW(manager.Get(), name.c_str(), SERVICE_QUERY_STATUS));
+  ThrowLastErrorIf(!service);
+  SERVICE_STATUS status{};
+  ThrowLastErrorIf(!::QueryServiceStatus(service.Get(), &status));
+  return status.dwCurrentState;
+}
+
 SampleList TakeSamples(const PathList& paths, const std::function<std::uint64_t(const std::wstring&)>& getFreeSpace,
                        std::set<std::wstring>& unreadable) {
   auto queried = AuditArchive::Transform<FreeSpaceSample, std::wstring>(
@@ -95,20 +137,28 @@ SampleList TakeSamples(const PathList& paths, const std::function<std::uint64_t(
   return AuditArchive::CopyAll(usable);
 }
 
-FreeSpaceChecker::FreeSpaceChecker(PathList services, std::int64_t recommendedMinimum, std::int64_t warningBound,
-                                   std::int64_t stopBound, std::uint32_t resendTimeoutMs, DWORD nowTicks)
+FreeSpaceChecker::FreeSpaceChecker(PathList services, const Rules::WatchGroupBounds& bounds,
+                                   std::uint32_t resendTimeoutMs, DWORD nowTicks)
     : m_pServices(std::move(services)),
-      m_nRecommendedMinimum(recommendedMinimum),
-      m_nWarningBound(warningBound),
-      m_nStopBound(stopBound),
+      m_bounds(bounds),
       m_nResendTimeoutMs(resendTimeoutMs),
       m_nStateTicks(nowTicks) {}
 
 void FreeSpaceChecker::operator()(const PathList& paths) {
   const DWORD now = ::GetTickCount();
-  const Decision decision = Evaluate(TakeSamples(paths, &QueryFreeSpace, m_unreadablePaths), now);
+  RunCycle(TakeSamples(paths, &QueryFreeSpace, m_unreadablePaths), now);
+}
+
+void FreeSpaceChecker::RunCycle(const SampleList& samples, DWORD now) {
+  Decision decision = Evaluate(samples, now);
+  // The critical event says the services are being stopped: it is written
+  // before the first stop control goes out.
   if (decision.eventId != 0) EventReporting::ReportEvent(decision.eventId, decision.insertionStrings);
   if (decision.bStopServices) StopServices();
+  if (decision.bRecovered) {
+    if (decision.bStartServices) StartServices(decision.services);
+    EventReporting::ReportEvent(kEventFreeSpaceRecovered, {decision.recoveredPaths, FormatOutcomes(decision.services)});
+  }
 }
 
 bool FreeSpaceChecker::HoldBack(DWORD now) const noexcept {
@@ -117,62 +167,123 @@ bool FreeSpaceChecker::HoldBack(DWORD now) const noexcept {
   return static_cast<DWORD>(now - m_nStateTicks) < m_nResendTimeoutMs;
 }
 
+bool FreeSpaceChecker::HoldsStoppedServices() const noexcept {
+  return std::any_of(m_episodeServices.begin(), m_episodeServices.end(),
+                     [](const EpisodeService& service) { return service.bStopped; });
+}
+
 FreeSpaceChecker::Decision FreeSpaceChecker::Evaluate(const SampleList& samples, DWORD now) {
   Decision decision;
+  Level worst = Level::kNormal;
+  bool bRestartable = true, bAny = false;
+  AuditArchive::ForEach(samples->GetEnumerator(), [&](const FreeSpaceSample& sample) {
+    worst = std::max(worst, Rules::EvaluateLevel(sample.second, m_bounds));
+    bRestartable = bRestartable && Rules::AllowsRestart(sample.second, m_bounds);
+    bAny = true;
+  });
 
-  const auto belowStop = SelectBelow(samples, m_nStopBound);
-  if (!belowStop->IsEnd()) {
+  if (worst == Level::kBelowStop) {
     if (!(m_state == ReportState::CriticalReported && HoldBack(now))) {
       decision.eventId = kEventFreeSpaceCritical;
-      decision.insertionStrings = {FormatPathList(belowStop), FormatServiceList(m_pServices->GetEnumerator())};
+      decision.insertionStrings = {FormatPathList(SelectBelow(samples, m_bounds.stopBytes)),
+                                   FormatServiceList(m_pServices->GetEnumerator())};
       m_nStateTicks = now;
       m_state = ReportState::CriticalReported;
     }
     // Services go down on every critical cycle, also while the event is held
     // back: one that was restarted meanwhile must not fill the disk.
     decision.bStopServices = true;
+    m_bEpisode = true;
+    m_nRestartChecks = 0;
     return decision;
   }
 
-  const auto belowWarning = SelectBelow(samples, m_nWarningBound);
-  if (!belowWarning->IsEnd()) {
+  if (worst == Level::kBelowWarning) {
     const bool bReported = m_state == ReportState::WarningReported || m_state == ReportState::CriticalReported;
     if (!(bReported && HoldBack(now))) {
       decision.eventId = kEventFreeSpaceLow;
-      decision.insertionStrings = {FormatPathList(belowWarning), std::to_wstring(ToMegabytes(m_nRecommendedMinimum))};
+      decision.insertionStrings = {FormatPathList(SelectBelow(samples, m_bounds.warningBytes)),
+                                   std::to_wstring(ToMegabytes(m_bounds.recommendedBytes))};
       m_nStateTicks = now;
       m_state = ReportState::WarningReported;
     }
+    m_bEpisode = true;
+    m_nRestartChecks = 0;
     return decision;
   }
 
-  // Paths between the warning bound and the recommended minimum are selected
-  // but hold no state of their own: the group is Normal again as soon as every
-  // path is at or above the warning bound, and the warning selection decides.
-  const auto belowRecommended = SelectBelow(samples, m_nRecommendedMinimum);
-  (void)belowRecommended;
-  if (SelectBelow(samples, m_nWarningBound)->IsEnd()) {
-    m_state = ReportState::Normal;
-    m_nStateTicks = now;
+  // Paths between the warning bound and the recommended minimum hold no state
+  // of their own: the group is Normal again as soon as every path is at or
+  // above the warning bound, and a new fall reports at once.
+  m_state = ReportState::Normal;
+  m_nStateTicks = now;
+  if (!m_bEpisode || !bAny) {
+    m_nRestartChecks = 0;
+    return decision;
   }
+  // With services held stopped and a restart bound, the episode ends with
+  // their start: two checks in a row at or above that bound, so a single
+  // sample does not start what the next one would stop again.
+  if (HoldsStoppedServices() && m_bounds.restartBytes) {
+    m_nRestartChecks = bRestartable ? m_nRestartChecks + 1 : 0;
+    if (m_nRestartChecks < 2) return decision;
+    decision.bStartServices = true;
+  }
+  decision.bRecovered = true;
+  decision.recoveredPaths = FormatPathList(samples->GetEnumerator());
+  decision.services = std::move(m_episodeServices);
+  m_episodeServices.clear();
+  for (EpisodeService& service : decision.services) service.outcome = L"left stopped";
+  m_bEpisode = false;
+  m_nRestartChecks = 0;
   return decision;
 }
 
-void FreeSpaceChecker::StopServices() const {
-  AuditArchive::ForEach(m_pServices->GetEnumerator(), [](const std::wstring& name) {
+void FreeSpaceChecker::StopServices() {
+  // Which services run is taken once, before the episode's first stop: one
+  // the administrator had stopped is none of the watcher's to start again.
+  if (m_episodeServices.empty()) {
+    AuditArchive::ForEach(m_pServices->GetEnumerator(), [&](const std::wstring& name) {
+      EpisodeService service;
+      service.name = name;
+      try {
+        const DWORD state = QueryServiceState(name);
+        service.bRanBefore = state != SERVICE_STOPPED && state != SERVICE_STOP_PENDING;
+      } catch (const HRX& error) {
+        VH_LOG(VHLogger::SEV_DBG, kSource, L"Failed to query service \"" << name << L"\": " << error.Text());
+      }
+      m_episodeServices.push_back(std::move(service));
+    });
+  }
+  for (EpisodeService& service : m_episodeServices) {
     try {
-      StopService(name);
+      StopService(service.name);
+      service.bStopped = service.bStopped || service.bRanBefore;
     } catch (const HRX& error) {
       // At WARN: the critical event says the services are being stopped,
       // so one that was not must be seen at the usual level.
-      VH_LOG(VHLogger::SEV_WARN, kSource, L"Failed to stop service \"" << name << L"\": " << error.Text());
+      VH_LOG(VHLogger::SEV_WARN, kSource, L"Failed to stop service \"" << service.name << L"\": " << error.Text());
     }
-  });
+  }
 }
 
-bool IsIntervalElapsed(DWORD start, DWORD now, std::int32_t intervalSec) noexcept {
-  const DWORD intervalMs = static_cast<DWORD>(intervalSec) * 1000u;
-  return !(now >= start && now - start <= intervalMs);
+void FreeSpaceChecker::StartServices(std::vector<EpisodeService>& services) {
+  for (auto service = services.rbegin(); service != services.rend(); ++service) {
+    if (!service->bStopped) continue;
+    try {
+      StartService(service->name);
+      service->outcome = L"started";
+      VH_LOG(VHLogger::SEV_INFO, kSource, L"Started service \"" << service->name << L"\" again");
+    } catch (const HRX& error) {
+      if (error.Code() == HResultFromWin32(ERROR_SERVICE_ALREADY_RUNNING)) {
+        service->outcome = L"already running";
+        VH_LOG(VHLogger::SEV_INFO, kSource, L"Service \"" << service->name << L"\" was running already");
+        continue;
+      }
+      service->outcome = L"failed to start: " + ErrorSummary(error);
+      VH_LOG(VHLogger::SEV_WARN, kSource, L"Failed to start service \"" << service->name << L"\": " << error.Text());
+    }
+  }
 }
 
 }  // namespace Kestrel::Detail

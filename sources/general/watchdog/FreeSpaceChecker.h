@@ -1,8 +1,10 @@
 #pragma once
 // One watch group's check: samples the free space of the group's paths once
-// per cycle, decides which event (if any) is due, reports it and stops the
-// group's services. The decision works on stored samples and a given tick
-// count, so it can be exercised at exact bounds and across a tick wrap.
+// per cycle, decides which event (if any) is due, reports it, stops the
+// group's services and, once the danger is over, reports the recovery and
+// starts again the services it stopped. The decision works on stored samples
+// and a given tick count, so it can be exercised at exact bounds and across
+// a tick wrap.
 
 #include <windows.h>
 
@@ -14,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "rules/WatchGroupRules.h"
 #include "subsystems/auditarchive/common/Enumerable.h"
 
 namespace Kestrel::Detail {
@@ -25,6 +28,7 @@ using SampleList = std::shared_ptr<AuditArchive::IEnumerable<FreeSpaceSample>>;
 
 constexpr std::uint32_t kEventFreeSpaceLow = 0x800110CDu;
 constexpr std::uint32_t kEventFreeSpaceCritical = 0xC00110CEu;
+constexpr std::uint32_t kEventFreeSpaceRecovered = 0x400110CFu;
 
 // Report states. 1 is reserved and never entered.
 enum class ReportState : std::int32_t {
@@ -42,6 +46,10 @@ std::wstring FormatServiceList(const std::shared_ptr<AuditArchive::IEnumerator<s
 std::uint64_t QueryFreeSpace(const std::wstring& path);
 // Sends the stop control without waiting for the service to stop; raises HRX.
 void StopService(const std::wstring& name);
+// Asks the service manager to start the service without waiting; raises HRX.
+void StartService(const std::wstring& name);
+// The service's current state (SERVICE_RUNNING ...); raises HRX.
+DWORD QueryServiceState(const std::wstring& name);
 
 // Queries every path once, in order; a path whose query fails is dropped.
 // Values above the signed range are clamped to it. `unreadable` holds the
@@ -50,23 +58,40 @@ void StopService(const std::wstring& name);
 SampleList TakeSamples(const PathList& paths, const std::function<std::uint64_t(const std::wstring&)>& getFreeSpace,
                        std::set<std::wstring>& unreadable);
 
+// A configured service in one episode (from the first event to the recovery).
+struct EpisodeService {
+  std::wstring name;
+  bool bRanBefore = false;  // not stopped when the episode's first stop came
+  bool bStopped = false;    // stopped by the watcher: it ran before and a stop control went through
+  std::wstring outcome;     // what the recovery did with it
+};
+
 class FreeSpaceChecker {
  public:
-  // What one cycle decided: an event to report (id 0 for none) and whether
-  // the group's services are to be stopped.
+  // What one cycle decided.
   struct Decision {
-    std::uint32_t eventId = 0;
+    std::uint32_t eventId = 0;  // the warning or critical event, 0 for none
     std::vector<std::wstring> insertionStrings;
     bool bStopServices = false;
+    // The episode is over: the recovery event is due with these paths, and
+    // the services the watcher stopped (those of `services` marked so) are
+    // started again first when `bStartServices`.
+    bool bRecovered = false;
+    bool bStartServices = false;
+    std::wstring recoveredPaths;
+    std::vector<EpisodeService> services;
   };
 
-  FreeSpaceChecker(PathList services, std::int64_t recommendedMinimum, std::int64_t warningBound,
-                   std::int64_t stopBound, std::uint32_t resendTimeoutMs, DWORD nowTicks = ::GetTickCount());
+  FreeSpaceChecker(PathList services, const Rules::WatchGroupBounds& bounds, std::uint32_t resendTimeoutMs,
+                   DWORD nowTicks = ::GetTickCount());
 
   // One cycle with the real clock, disks, event reporting and services.
   void operator()(const PathList& paths);
+  // One cycle over given samples, with the real event reporting and services.
+  void RunCycle(const SampleList& samples, DWORD now);
 
-  // The three passes over one cycle's samples; updates the report state.
+  // The decision over one cycle's samples; updates the report state and the
+  // episode, but acts on nothing.
   Decision Evaluate(const SampleList& samples, DWORD now);
 
   ReportState State() const noexcept { return m_state; }
@@ -77,21 +102,25 @@ class FreeSpaceChecker {
 
  private:
   bool HoldBack(DWORD now) const noexcept;
-  void StopServices() const;
+  bool HoldsStoppedServices() const noexcept;
+  void StopServices();
+  // Starts the stopped services in reverse order and notes each outcome.
+  static void StartServices(std::vector<EpisodeService>& services);
 
   PathList m_pServices;
-  std::int64_t m_nRecommendedMinimum;
-  std::int64_t m_nWarningBound;
-  std::int64_t m_nStopBound;
+  Rules::WatchGroupBounds m_bounds;
   std::uint32_t m_nResendTimeoutMs;
   ReportState m_state = ReportState::Normal;
   DWORD m_nStateTicks;
+  // An event was sent and no recovery yet. It outlasts cycles in which no
+  // path could be read: those say nothing about the danger being over.
+  bool m_bEpisode = false;
+  // Consecutive checks with every readable path at or above the restart bound.
+  unsigned m_nRestartChecks = 0;
+  // Filled at the episode's first stop, in configured order.
+  std::vector<EpisodeService> m_episodeServices;
   // Paths whose free space could not be read in the last cycle that asked.
   std::set<std::wstring> m_unreadablePaths;
 };
-
-// Whether the worker's interval has run out: a tick count that wrapped below
-// the start counts as elapsed.
-bool IsIntervalElapsed(DWORD start, DWORD now, std::int32_t intervalSec) noexcept;
 
 }  // namespace Kestrel::Detail

@@ -1,14 +1,18 @@
 #include "FreeSpaceWatcher.h"
 
 #include <exception>
+#include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "Boundary.h"
 #include "DataLayer/NodePtr.h"
 #include "ErrorHandling.h"
 #include "FreeSpaceChecker.h"
+#include "WorkerPeriod.h"
 #include "logger/Logger.h"
+#include "rules/WatchGroupRules.h"
 #include "subsystems/auditarchive/common/storage_path_toolset.h"
 
 WD64_REGISTER_COMPONENT(CFreeSpaceWatcher, WatchDog64::CLSID_FreeSpaceWatcher)
@@ -18,9 +22,6 @@ namespace {
 constexpr wchar_t kSource[] = L"FreeSpaceWatcher";
 constexpr std::int32_t kDefaultIntervalSec = 45;
 constexpr std::int32_t kDefaultResendTimeoutSec = 3600;
-constexpr std::int64_t kGigabyte = std::int64_t{1} << 30;
-constexpr std::int64_t kMegabyte = std::int64_t{1} << 20;
-constexpr DWORD kPollPeriodMs = 50;
 
 using Kestrel::Detail::FreeSpaceChecker;
 using Kestrel::Detail::PathList;
@@ -28,30 +29,6 @@ using CheckFunction = std::function<void(PathList)>;
 
 bool TryReadInt32(const NodePtr& node, const wchar_t* sName, std::int32_t& value) {
   return node.TryGetAttribute(sName, VHN_TYPE_INT32, &value, sizeof(value));
-}
-
-// A bound may be given in GB or in MB, never both: two values for one bound
-// would be a contradiction the administrator has to resolve, not a precedence.
-std::int64_t ReadBound(const NodePtr& group, const std::wstring& baseName, std::int64_t defaultBytes) {
-  struct Key {
-    std::wstring sName;
-    std::int64_t nUnit;
-  };
-  const Key keys[] = {{baseName + L"GB", kGigabyte}, {baseName + L"MB", kMegabyte}};
-  bool bFound = false;
-  std::int64_t bytes = defaultBytes;
-  for (const Key& key : keys) {
-    std::int32_t value = 0;
-    if (!TryReadInt32(group, key.sName.c_str(), value)) continue;
-    if (bFound) {
-      Kestrel::ThrowHr(E_INVALIDARG,
-                       L"Both \"" + keys[0].sName + L"\" and \"" + keys[1].sName + L"\" are given; give one of them");
-    }
-    bFound = true;
-    // Sign-extended first, so a negative setting stays negative and fails validation.
-    bytes = static_cast<std::int64_t>(value) * key.nUnit;
-  }
-  return bytes;
 }
 
 std::wstring Describe(const std::exception& error) {
@@ -74,21 +51,21 @@ std::shared_ptr<AuditArchive::IEnumerableSequencer<std::wstring>> ToSequence(con
 }
 
 void ConfigureGroup(const NodePtr& group, const CFreeSpaceWatcher::StepList& steps) {
-  const std::int64_t recommended =
-      ReadBound(group, L"FreeSpaceRecommendedMinimum", std::int64_t{100} * kGigabyte);
-  const std::int64_t warning = ReadBound(group, L"FreeSpaceWarningLowerBound", std::int64_t{20} * kGigabyte);
-  const std::int64_t stop = ReadBound(group, L"FreeSpaceStopServicesLowerBound", std::int64_t{5} * kGigabyte);
+  const auto read = Kestrel::Rules::ReadWatchGroupBounds([&](const wchar_t* key) -> std::optional<std::int32_t> {
+    std::int32_t value = 0;
+    if (!TryReadInt32(group, key, value)) return std::nullopt;
+    return value;
+  });
+  if (const auto* error = std::get_if<Kestrel::Rules::BoundsError>(&read)) {
+    Kestrel::ThrowHr(E_INVALIDARG, error->text);
+  }
+  const Kestrel::Rules::WatchGroupBounds& bounds = std::get<Kestrel::Rules::WatchGroupBounds>(read);
 
   std::int32_t resendSec = kDefaultResendTimeoutSec;
   TryReadInt32(group, L"EventResendTimeoutSec", resendSec);
   // Held in milliseconds with 32-bit arithmetic, like the tick counter it is compared with.
   const std::int32_t resendMs = static_cast<std::int32_t>(static_cast<std::uint32_t>(resendSec) * 1000u);
 
-  if (stop < 1) Kestrel::ThrowHr(E_INVALIDARG, L"The stop-services bound must be at least 1 byte");
-  if (warning <= stop) Kestrel::ThrowHr(E_INVALIDARG, L"The warning bound must be above the stop-services bound");
-  if (recommended <= warning) {
-    Kestrel::ThrowHr(E_INVALIDARG, L"The recommended minimum must be above the warning bound");
-  }
   if (resendMs < 1) Kestrel::ThrowHr(E_INVALIDARG, L"\"EventResendTimeoutSec\" must be positive");
 
   std::vector<std::wstring> paths = ReadRequiredList(group, L"Paths");
@@ -96,8 +73,7 @@ void ConfigureGroup(const NodePtr& group, const CFreeSpaceWatcher::StepList& ste
   const PathList pathList = ToSequence(paths);
   const PathList services = ToSequence(ReadRequiredList(group, L"ServiceNames"));
 
-  auto checker = std::make_shared<FreeSpaceChecker>(services, recommended, warning, stop,
-                                                    static_cast<std::uint32_t>(resendMs));
+  auto checker = std::make_shared<FreeSpaceChecker>(services, bounds, static_cast<std::uint32_t>(resendMs));
   const auto checks = AuditArchive::MakeSingleEnumerable<CheckFunction>(
       [checker](PathList groupPaths) { (*checker)(groupPaths); });
   AuditArchive::ForEach(checks->GetEnumerator(), [&](const CheckFunction& check) {
@@ -117,6 +93,7 @@ CFreeSpaceWatcher::~CFreeSpaceWatcher() {
     VH_LOG(VHLogger::SEV_WARN, kSource, L"Released while running; stopping the worker");
   }
   m_bStop.exchange(true);
+  if (m_hWake) ::SetEvent(m_hWake.Get());
   m_worker.Join();
 }
 
@@ -153,16 +130,24 @@ void CFreeSpaceWatcher::ConfigureFrom(HVHNODE config) {
   const StepList steps = m_pSteps;
   node.ForEachChild([&](NodePtr& group) { ConfigureGroup(group, steps); });
 
+  if (!m_hWake) {
+    m_hWake.Reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    Kestrel::ThrowLastErrorIf(!m_hWake);
+  }
   // The stop flag is left as it is: a watcher that was shut down stays down,
   // and monitoring resumes only in a new component.
   m_worker.Start([this] { WorkerLoop(); });
 }
 
 void CFreeSpaceWatcher::WorkerLoop() {
+  // Held in milliseconds with 32-bit arithmetic, like the tick counter.
+  const DWORD intervalMs = static_cast<DWORD>(m_nIntervalSec) * 1000u;
   DWORD start = ::GetTickCount();
   while (!m_bStop.load()) {
-    if (!Kestrel::Detail::IsIntervalElapsed(start, ::GetTickCount(), m_nIntervalSec)) {
-      ::Sleep(kPollPeriodMs);
+    const DWORD wait = Kestrel::Detail::MillisecondsUntilDue(start, ::GetTickCount(), intervalMs);
+    if (wait != 0) {
+      ::WaitForSingleObject(m_hWake.Get(), wait);
+      Kestrel::Detail::WakeUpCounts().watcher.fetch_add(1, std::memory_order_relaxed);
       continue;
     }
     try {
@@ -174,7 +159,6 @@ void CFreeSpaceWatcher::WorkerLoop() {
     }
     // Counted from the end of a cycle, so a slow cycle does not eat the pause.
     start = ::GetTickCount();
-    ::Sleep(kPollPeriodMs);
   }
 }
 
@@ -198,6 +182,7 @@ HRESULT CFreeSpaceWatcher::Shutdown() {
   VH_TRACE_SCOPE(kSource, L"CFreeSpaceWatcher::Shutdown");
   std::lock_guard<std::mutex> guard(m_lifecycleLock);
   m_bStop.exchange(true);
+  if (m_hWake) ::SetEvent(m_hWake.Get());
   m_worker.Join();
   m_pSteps.reset();
   return S_OK;

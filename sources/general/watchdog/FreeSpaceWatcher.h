@@ -1,7 +1,9 @@
 #pragma once
 // Keeps watch over the free space of configured directories in watch groups:
 // below a group's warning bound it raises a warning event, below its stop
-// bound a critical event, and it stops the group's services.
+// bound a critical event, and it stops the group's services; when every path
+// is back at or above the warning bound it reports the recovery, and with a
+// restart bound it starts the services it stopped again.
 
 #include <atomic>
 #include <cstdint>
@@ -9,6 +11,7 @@
 #include <memory>
 #include <mutex>
 
+#include "Handle.h"
 #include "components/ComponentsCommon.h"
 #include "components/ModuleThread.h"
 #include "subsystems/auditarchive/common/Enumerable.h"
@@ -38,5 +41,7 @@ class CFreeSpaceWatcher : public CComponentClass<CFreeSpaceWatcher, IVHConfigura
   StepList m_pSteps;
   // Serialises Configure and Shutdown between host threads.
   std::mutex m_lifecycleLock;
+  // Set with the stop flag: the worker sleeps on it until its next cycle.
+  Handle m_hWake;
   Kestrel::CModuleThread m_worker;
 };

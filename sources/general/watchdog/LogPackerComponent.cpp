@@ -20,19 +20,23 @@ bool WantsReport(HVHNODE request) {
          report == 1;
 }
 
+// A child named after its file, with "Name" and the 64-bit "Bytes".
+void AddSized(NodePtr& node, const wchar_t* type, const std::wstring& name, std::uint64_t size) {
+  NodePtr child;
+  child.SetName(name);
+  child.SetType(type);
+  child.SetAttribute(L"Name", name);
+  const std::int64_t bytes = static_cast<std::int64_t>(size);
+  child.SetAttribute(L"Bytes", VHN_TYPE_INT64, &bytes, sizeof(bytes));
+  node.AddChild(child);
+}
+
 NodePtr ReportNode(const Kestrel::PackReport& report) {
   NodePtr node;
   node.SetName(L"PackLogs");
   node.SetAttribute(L"ArchivePath", report.archivePath);
-  for (const auto& packed : report.packed) {
-    NodePtr child;
-    child.SetName(packed.name);
-    child.SetType(L"PackedFile");
-    child.SetAttribute(L"Name", packed.name);
-    const std::int64_t bytes = static_cast<std::int64_t>(packed.bytes);
-    child.SetAttribute(L"Bytes", VHN_TYPE_INT64, &bytes, sizeof(bytes));
-    node.AddChild(child);
-  }
+  for (const auto& packed : report.packed) AddSized(node, L"PackedFile", packed.name, packed.bytes);
+  for (const auto& deleted : report.deletedArchives) AddSized(node, L"DeletedArchive", deleted.name, deleted.bytes);
   for (const auto& skipped : report.skipped) {
     NodePtr child;
     child.SetName(skipped.name);

@@ -10,7 +10,8 @@ class CLogPackerComponent
   HRESULT Configure(HVHNODE config) override;
   // Any request, named anything or null, means "pack now". No response,
   // unless the request carries "Report" (32-bit integer 1): then the
-  // response names the archive, the files packed and the files left.
+  // response names the archive, the files packed, the archives deleted as
+  // beyond the retention limits and the files left.
   HRESULT ProcessRequest(HVHNODE request, HVHNODE* response) override;
   // Releasing the log packer also ends the watchdog's background work.
   void FinalRelease();

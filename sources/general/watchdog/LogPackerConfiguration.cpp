@@ -15,6 +15,14 @@ std::uint64_t ReadRequiredUInt64(const NodePtr& node, const wchar_t* sName) {
   return value;
 }
 
+// Absent gives 0: the retention keys are opt-in, and a configuration
+// without them stays valid.
+std::uint64_t ReadOptionalUInt64(const NodePtr& node, const wchar_t* sName) {
+  std::uint64_t value = 0;
+  node.TryGetAttribute(sName, VHN_TYPE_INT64, &value, sizeof(value));
+  return value;
+}
+
 std::wstring ReadRequiredString(const NodePtr& node, const wchar_t* sName) {
   std::wstring value;
   if (!node.TryGetAttribute(sName, value)) {
@@ -33,6 +41,8 @@ void CLogPackerConfiguration::Configure(HVHNODE config) {
   const std::uint64_t maxSize = ReadRequiredUInt64(node, L"MaxLogFileSizeInMegabytes");
   const std::wstring logsDirectory = ReadRequiredString(node, L"LogsDirectoryPath");
   const std::wstring fileMask = ReadRequiredString(node, L"LogFileMask");
+  const std::uint64_t maxArchiveAge = ReadOptionalUInt64(node, L"MaxArchiveAgeInDays");
+  const std::uint64_t maxArchivesSize = ReadOptionalUInt64(node, L"MaxArchivesTotalSizeInMegabytes");
 
   // Expanded before anything is stored, so a failing expansion also keeps
   // the earlier settings whole.
@@ -42,10 +52,13 @@ void CLogPackerConfiguration::Configure(HVHNODE config) {
   m_nMaxSizeInMegabytes = maxSize;
   m_logsDirectory = std::move(expandedDirectory);
   m_fileMask = std::move(expandedMask);
+  m_nMaxArchiveAgeInDays = maxArchiveAge;
+  m_nMaxArchivesTotalSizeInMegabytes = maxArchivesSize;
 }
 
 PackReport CLogPackerConfiguration::PackLogs() const {
-  return PackLogFolder({m_logsDirectory, m_fileMask, m_nMaxAgeInHours, m_nMaxSizeInMegabytes});
+  return PackLogFolder({m_logsDirectory, m_fileMask, m_nMaxAgeInHours, m_nMaxSizeInMegabytes, m_nMaxArchiveAgeInDays,
+                        m_nMaxArchivesTotalSizeInMegabytes});
 }
 
 }  // namespace Kestrel

@@ -20,8 +20,10 @@ class CLogPackerConfiguration {
   CLogPackerConfiguration(const CLogPackerConfiguration&) = delete;
   CLogPackerConfiguration& operator=(const CLogPackerConfiguration&) = delete;
 
-  // Reads all four keys from a duplicate of `config`; all or nothing, so a
-  // missing key (0x80070490) keeps every earlier value.
+  // Reads the four required keys and the two optional retention keys
+  // ("MaxArchiveAgeInDays", "MaxArchivesTotalSizeInMegabytes"; absent: 0,
+  // keep all) from a duplicate of `config`; all or nothing, so a missing
+  // required key (0x80070490) keeps every earlier value.
   void Configure(HVHNODE config);
 
   // One run over the logs directory (LogPackerRun.h).
@@ -31,12 +33,16 @@ class CLogPackerConfiguration {
   const CPath& FileMask() const noexcept { return m_fileMask; }
   std::uint64_t MaxAgeInHours() const noexcept { return m_nMaxAgeInHours; }
   std::uint64_t MaxSizeInMegabytes() const noexcept { return m_nMaxSizeInMegabytes; }
+  std::uint64_t MaxArchiveAgeInDays() const noexcept { return m_nMaxArchiveAgeInDays; }
+  std::uint64_t MaxArchivesTotalSizeInMegabytes() const noexcept { return m_nMaxArchivesTotalSizeInMegabytes; }
 
  private:
   CPath m_logsDirectory;
   CPath m_fileMask;
   std::uint64_t m_nMaxAgeInHours = 24;
   std::uint64_t m_nMaxSizeInMegabytes = 100;
+  std::uint64_t m_nMaxArchiveAgeInDays = 0;
+  std::uint64_t m_nMaxArchivesTotalSizeInMegabytes = 0;
 };
 
 }  // namespace Kestrel

@@ -3,6 +3,7 @@
 #include <ntsecapi.h>
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <utility>
 
@@ -125,9 +126,23 @@ class PackRun {
                                           L"are picked up first");
     }
     DeleteLeftovers(Rules::kDonePrefix, [](const std::wstring& name) { return !Rules::OriginalOfDone(name).empty(); });
+    Pack();
+    if (m_settings.maxArchiveAgeInDays != 0 || m_settings.maxArchivesTotalSizeInMegabytes != 0) {
+      try {
+        DeleteOldArchives();
+      } catch (const HRX& error) {
+        // The run itself succeeded; the next one tries again.
+        VH_LOG(VHLogger::SEV_WARN, kSource, L"Archives beyond the retention limits not deleted: " << error.Text());
+      }
+    }
+    return std::move(m_report);
+  }
+
+ private:
+  void Pack() {
     const std::vector<std::wstring> moved = FindMovedFiles();
     const std::vector<std::wstring> selected = SelectFiles();
-    if (moved.empty() && selected.empty()) return std::move(m_report);
+    if (moved.empty() && selected.empty()) return;
 
     SYSTEMTIME now;
     ::GetLocalTime(&now);
@@ -179,10 +194,55 @@ class PackRun {
       DeletePacked();
     }
     if (failure) throw *failure;
-    return std::move(m_report);
   }
 
- private:
+  // The packer's own archives of the folder beyond the retention limits,
+  // each deleted through a handle checked to hold a plain file of the folder:
+  // a link or a second name under an archive's name is left alone, whatever
+  // it leads to. A run killed meanwhile has deleted whole archives only.
+  void DeleteOldArchives() {
+    struct Found {
+      Handle file;
+      std::uint64_t bytes;
+    };
+    std::map<std::wstring, Found> found;
+    DirectoryEnumerator(CPath::Verbatim(m_folder.Join(L"logs_*.zip")))
+        .EnumerateFindData([&](const WIN32_FIND_DATAW& data) {
+          const std::wstring name = data.cFileName;
+          if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || !Rules::ArchiveStampOf(name)) return true;
+          // Shared for reading only: an archive someone writes to is not taken.
+          PlainFile file = OpenPlainFile(m_folder, name, DELETE | FILE_WRITE_ATTRIBUTES,
+                                         FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING);
+          LARGE_INTEGER size{};
+          if (file && ::GetFileSizeEx(file.file.Get(), &size)) {
+            found[name] = {std::move(file.file), static_cast<std::uint64_t>(size.QuadPart)};
+          } else if (file.refusal != EntryRefusal::kNone) {
+            VH_LOG(VHLogger::SEV_WARN, kSource, L"Archive \"" << name << L"\" left alone: " << file.Reason());
+          }
+          return true;
+        });
+    std::vector<Rules::ArchiveFacts> archives;
+    for (const auto& [name, archive] : found) archives.push_back({name, archive.bytes});
+    const std::wstring made = m_report.archivePath.substr(m_report.archivePath.rfind(L'\\') + 1);
+    for (const Rules::ArchiveBeyond& beyond :
+         Rules::ArchivesBeyondLimits(archives, GetLocalTimeAsFileTime(), m_settings.maxArchiveAgeInDays,
+                                     m_settings.maxArchivesTotalSizeInMegabytes, made)) {
+      const Found& archive = found[beyond.name];
+      if (!DeleteByHandle(archive.file.Get())) {
+        VH_LOG(VHLogger::SEV_WARN, kSource,
+               L"Archive \"" << beyond.name << L"\" could not be deleted: " << Reason(::GetLastError()));
+        continue;
+      }
+      const std::wstring why =
+          beyond.bTooOld
+              ? L"older than " + std::to_wstring(m_settings.maxArchiveAgeInDays) + L" days"
+              : L"the archives held more than " + std::to_wstring(m_settings.maxArchivesTotalSizeInMegabytes) + L" MB";
+      VH_LOG(VHLogger::SEV_INFO, kSource,
+             L"Deleted archive \"" << beyond.name << L"\" (" << archive.bytes << L" bytes): " << why);
+      m_report.deletedArchives.push_back({beyond.name, archive.bytes});
+    }
+  }
+
   // One warning line, and the same reason in the report.
   void Skip(const std::wstring& name, const std::wstring& reason) {
     VH_LOG(VHLogger::SEV_WARN, kSource, L"Log file \"" << name << L"\" not packed: " << reason);

@@ -21,6 +21,9 @@ struct LogPackerSettings {
   CPath fileMask;
   std::uint64_t maxAgeInHours;
   std::uint64_t maxSizeInMegabytes;
+  // Retention of the packer's archives; 0 keeps them all.
+  std::uint64_t maxArchiveAgeInDays = 0;
+  std::uint64_t maxArchivesTotalSizeInMegabytes = 0;
 };
 
 // What a run did.
@@ -36,10 +39,12 @@ struct PackReport {
   std::wstring archivePath;      // empty when nothing was packed
   std::vector<Packed> packed;    // in the archive and deleted
   std::vector<Skipped> skipped;  // due for packing (or refused) and left on disk
+  std::vector<Packed> deletedArchives;  // earlier archives beyond the retention limits
 };
 
 // Packs the folder's old and large logs, and files an earlier run moved
-// aside, into a new archive.
+// aside, into a new archive; then, when the run succeeded, deletes the
+// earlier archives beyond the retention limits, oldest first.
 PackReport PackLogFolder(const LogPackerSettings& settings);
 
 namespace Detail {

@@ -1,9 +1,12 @@
 #include "WatchDogConfiguration.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
 #include "ErrorHandling.h"
+#include "Handle.h"
+#include "WorkerPeriod.h"
 #include "components/ModuleThread.h"
 #include "logger/Logger.h"
 
@@ -12,7 +15,8 @@ namespace Kestrel {
 namespace {
 
 constexpr wchar_t kSource[] = L"WatchDogConfiguration";
-constexpr DWORD kSleepStepMs = 50;
+// An interval of 0 (or one that ends within this) restamps at most this often.
+constexpr DWORD kShortestWaitMs = 50;
 
 // One worker per process, however many configuration objects or components
 // ask for it.
@@ -23,17 +27,31 @@ struct WorkerState {
   // the lock.
   std::recursive_mutex lock;
   std::atomic<std::uint8_t> running{0};
+  // Set to stop the worker, which sleeps on it until its next refresh.
+  Handle wake;
   // A native thread that holds the module loaded (and locked) while it runs.
   // One still running at unload is left to end on its own: joining under
   // the loader lock could hang.
   CModuleThread thread;
 
-  ~WorkerState() { running = 0; }
+  ~WorkerState() {
+    running = 0;
+    if (wake) ::SetEvent(wake.Get());
+  }
 };
 
 WorkerState& Worker() {
   static WorkerState state;
   return state;
+}
+
+// Stops the worker and waits until it has ended; the caller holds the lock.
+void StopLocked(WorkerState& worker) noexcept {
+  if (worker.running == 1) {
+    worker.running = 0;
+    ::SetEvent(worker.wake.Get());
+    worker.thread.Join();
+  }
 }
 
 }  // namespace
@@ -55,6 +73,11 @@ void CWatchDogConfiguration::Configure(NodePtr& node) {
   StopWorkerThread();
   m_nRefreshIntervalSeconds = interval;
 
+  if (!worker.wake) {
+    worker.wake.Reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ThrowLastErrorIf(!worker.wake);
+  }
+  ::ResetEvent(worker.wake.Get());
   worker.running = 1;
   try {
     worker.thread.Start([this] { WorkerLoop(); });
@@ -68,16 +91,16 @@ void CWatchDogConfiguration::StopWorkerThread() {
   VH_TRACE_SCOPE(kSource, L"Kestrel::CWatchDogConfiguration::StopWorkerThread");
   WorkerState& worker = Worker();
   const std::lock_guard<std::recursive_mutex> guard(worker.lock);
-  if (worker.running == 1) {
-    worker.running = 0;
-    worker.thread.Join();
-  }
+  StopLocked(worker);
 }
 
 void CWatchDogConfiguration::WorkerLoop() {
   WorkerState& worker = Worker();
   DWORD start = ::GetTickCount();
   if (worker.running == 0) return;
+  // Scaled as the refresh rule scales it: a negative interval never elapses.
+  const std::uint64_t intervalMs =
+      static_cast<std::uint64_t>(m_nRefreshIntervalSeconds) * static_cast<std::uint64_t>(1000);
   for (;;) {
     const DWORD now = ::GetTickCount();
     if (Detail::IsRefreshDue(start, now, m_nRefreshIntervalSeconds)) {
@@ -86,7 +109,9 @@ void CWatchDogConfiguration::WorkerLoop() {
       const auto refresh = [&start] { start = ::GetTickCount(); };
       refresh();
     }
-    ::Sleep(kSleepStepMs);
+    const DWORD wait = std::max(Detail::MillisecondsUntilDue(start, ::GetTickCount(), intervalMs), kShortestWaitMs);
+    ::WaitForSingleObject(worker.wake.Get(), wait);
+    Detail::WakeUpCounts().watchdog.fetch_add(1, std::memory_order_relaxed);
     if (worker.running == 0) return;
   }
 }

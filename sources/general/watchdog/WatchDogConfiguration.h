@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "DataLayer/NodePtr.h"
+#include "WorkerPeriod.h"
 
 namespace Kestrel {
 
@@ -32,7 +33,7 @@ class CWatchDogConfiguration {
  private:
   void WorkerLoop();
 
-  // Written only while no worker runs, read by the worker at every poll.
+  // Written only while no worker runs, read by the worker when it starts.
   std::int64_t m_nRefreshIntervalSeconds = 0;
 };
 
@@ -41,9 +42,7 @@ namespace Detail {
 // counter wrapped below the period's start. The interval is scaled and
 // compared unsigned, so a negative one never elapses by time alone.
 constexpr bool IsRefreshDue(DWORD start, DWORD now, std::int64_t intervalSeconds) noexcept {
-  if (now < start) return true;
-  return static_cast<std::uint64_t>(now - start) >
-         static_cast<std::uint64_t>(intervalSeconds) * static_cast<std::uint64_t>(1000);
+  return IsPeriodOver(start, now, static_cast<std::uint64_t>(intervalSeconds) * static_cast<std::uint64_t>(1000));
 }
 }  // namespace Detail
 
