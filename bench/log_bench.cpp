@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "logger/Logger.h"
 
 namespace {

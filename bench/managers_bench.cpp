@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "DataLayer/NodePtr.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "components/ComponentsCommon.h"
 
 namespace {

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "DataLayer/NodePtr.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "WorkerPeriod.h"
 #include "components/ComponentsCommon.h"
 #include "logger/Logger.h"

@@ -13,6 +13,7 @@ packages=(
   wixl msitools
   python3 python3-prometheus-client unzip
   dpkg-dev
+  cppcheck
 )
 
 missing=()

@@ -2,12 +2,13 @@
 
 #include <cwchar>
 #include <cwctype>
-#include <mutex>
 #include <utility>
 
 #include "Assert.h"
-#include "ModulePath.h"
+#include "Handle.h"
+#include "platform/ModulePath.h"
 #include "logger/Logger.h"
+#include "rules/Paths.h"
 #include "settings/GlobalSettings.h"
 
 namespace Kestrel {
@@ -33,57 +34,40 @@ __attribute__((noinline)) void CaptureOrigin(std::uint64_t (&origin)[2], unsigne
 }
 
 bool FormatFrom(DWORD flags, HMODULE module, HRESULT hrCode, LANGID language, std::wstring& text) {
-  wchar_t* buffer = nullptr;
+  LocalMemory buffer;
   const DWORD length = ::FormatMessageW(flags, module, static_cast<DWORD>(hrCode), language,
-                                        reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
-  if (length == 0 || buffer == nullptr) return false;
-  text.assign(buffer, length);
-  ::LocalFree(buffer);
+                                        reinterpret_cast<wchar_t*>(buffer.Put()), 0, nullptr);
+  if (length == 0 || !buffer) return false;
+  text.assign(static_cast<const wchar_t*>(buffer.Get()), length);
   return true;
 }
 
-class MessageFile {
- public:
-  HMODULE Get() noexcept {
-    std::call_once(m_once, [this] { Load(); });
-    return m_module;
+// The message file, loaded as data on first use and kept for the life of
+// the module; none when it cannot be loaded.
+Library LoadMessageFile() noexcept {
+  try {
+    const std::wstring path = Rules::AnchoredAt(
+        GlobalSettings::GetStringOrDefault(L"ErrorHandling", L"MessageFile", L"CoreErrorMessages.dll"),
+        ModuleDirectory());
+    Library module(::LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
+    if (!module) ThrowLastError();
+    return module;
+  } catch (const HRX& error) {
+    VH_LOG_AT(VHLogger::SEV_ERR, kSource, 132, L"Cannot load '" << L"CoreErrorMessages.dll" << L"': " << error.Text());
+  } catch (...) {
+    // Without a message file the codes read "<no description>".
   }
-  ~MessageFile() {
-    if (m_module != nullptr) ::FreeLibrary(m_module);
-  }
-
- private:
-  void Load() noexcept {
-    try {
-      std::wstring path =
-          GlobalSettings::GetStringOrDefault(L"ErrorHandling", L"MessageFile", L"CoreErrorMessages.dll");
-      // A value naming a directory anywhere is taken as it stands.
-      if (path.find_first_of(L"\\/") == std::wstring::npos) path = ModuleDirectory() + path;
-      m_module = ::LoadLibraryExW(path.c_str(), nullptr,
-                                  LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
-      if (m_module == nullptr) ThrowLastError();
-    } catch (const HRX& error) {
-      VH_LOG_AT(VHLogger::SEV_ERR, kSource, 132,
-                L"Cannot load '" << L"CoreErrorMessages.dll" << L"': " << error.Text());
-    } catch (...) {
-      // Without a message file the codes read "<no description>".
-    }
-  }
-
-  std::once_flag m_once;
-  HMODULE m_module = nullptr;
-};
-
-MessageFile& TheMessageFile() {
-  static MessageFile file;
-  return file;
+  return {};
 }
 
 }  // namespace
 
 namespace Detail {
 
-HMODULE MessageFileModule() noexcept { return TheMessageFile().Get(); }
+HMODULE MessageFileModule() noexcept {
+  static const Library s_messageFile = LoadMessageFile();
+  return s_messageFile.Get();
+}
 
 bool IsInterfaceRangeCode(HRESULT hrCode) noexcept {
   return (static_cast<DWORD>(hrCode) & 0x1FFF0000u) == 0x00040000u &&

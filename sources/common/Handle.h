@@ -1,6 +1,6 @@
 #pragma once
-// Owners of kernel handles (processes, files), find-file searches and
-// LocalAlloc'd memory.
+// Owners of kernel handles (processes, files), find-file searches,
+// LocalAlloc'd memory, mapped views and loaded libraries.
 
 #include <windows.h>
 
@@ -33,6 +33,22 @@ struct LocalMemoryTraits {
   static const wchar_t* Source() noexcept { return L"LocalMemory"; }
 };
 
+struct MappedViewTraits {
+  using pointer = void*;
+  static pointer Invalid() noexcept { return nullptr; }
+  static bool IsValid(pointer value) noexcept { return value != nullptr; }
+  static bool Close(pointer value) noexcept { return ::UnmapViewOfFile(value) != FALSE; }
+  static const wchar_t* Source() noexcept { return L"MappedView"; }
+};
+
+struct LibraryTraits {
+  using pointer = HMODULE;
+  static pointer Invalid() noexcept { return nullptr; }
+  static bool IsValid(pointer value) noexcept { return value != nullptr; }
+  static bool Close(pointer value) noexcept { return ::FreeLibrary(value) != FALSE; }
+  static const wchar_t* Source() noexcept { return L"Library"; }
+};
+
 }  // namespace Kestrel::Detail
 
 using Handle = Kestrel::UniqueResource<Kestrel::Detail::KernelHandleTraits>;
@@ -40,3 +56,7 @@ using FindHandle = Kestrel::UniqueResource<Kestrel::Detail::FindHandleTraits>;
 // Memory the system hands out to be given back with LocalFree (security
 // descriptors, formatted messages, SID strings).
 using LocalMemory = Kestrel::UniqueResource<Kestrel::Detail::LocalMemoryTraits>;
+// A view of a file mapping.
+using MappedView = Kestrel::UniqueResource<Kestrel::Detail::MappedViewTraits>;
+// A loaded library, such as a message file loaded as data.
+using Library = Kestrel::UniqueResource<Kestrel::Detail::LibraryTraits>;

@@ -4,21 +4,19 @@
 #include <windows.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "Links.h"
+#include "Files.h"
 #include "LogCapture.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "Processes.h"
 #include "logger/Logger.h"
 #include "logger/detail/DebugOutput.h"
 #include "logger/detail/LoggerCore.h"
-#include "settings/TickCount.h"
+#include "platform/TickCount.h"
 
 namespace DiagTest {
 
@@ -39,10 +37,10 @@ struct ScopedEnv {
 // The tick count, moved by hand.
 struct ScopedTicks {
   explicit ScopedTicks(DWORD start) { s_value = start; }
-  ~ScopedTicks() { GlobalSettings::Detail::SetTickSource(previous); }
+  ~ScopedTicks() { Kestrel::SetTickSource(previous); }
   void Advance(DWORD ms) { s_value += ms; }
   static inline std::atomic<DWORD> s_value{0};
-  GlobalSettings::Detail::TickSource previous = GlobalSettings::Detail::SetTickSource([] { return s_value.load(); });
+  Kestrel::TickSource previous = Kestrel::SetTickSource([] { return s_value.load(); });
 };
 
 // What the logging code sends to the debugger output.
@@ -62,30 +60,10 @@ struct DebugCapture {
   });
 };
 
-// A fresh directory under %TEMP%, removed with its contents afterwards from
-// the Linux side, so links in it go as links.
-struct TempDir {
-  TempDir() { std::filesystem::create_directory(path); }
-  ~TempDir() { TestSupport::RemoveTree(path); }
-  std::wstring File(const std::wstring& name) const { return path + name; }
-  static inline std::atomic<unsigned> s_count{0};
-  const std::wstring path = (std::filesystem::temp_directory_path() / L"wd64diag-").wstring() +
-                            std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(s_count++) + L"\\";
-};
-
-inline std::string ReadBytes(const std::wstring& path) {
-  std::ifstream in(std::filesystem::path(path), std::ios::binary);
-  return std::string{std::istreambuf_iterator<char>(in), {}};
-}
-
-inline std::wstring ReadUtf16(const std::wstring& path) {
-  const std::string bytes = ReadBytes(path);
-  return std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / 2);
-}
-
-inline void WriteText(const std::wstring& path, const std::string& bytes) {
-  std::ofstream(std::filesystem::path(path), std::ios::binary) << bytes;
-}
+using TestSupport::ReadBytes;
+using TestSupport::ReadUtf16;
+using TestSupport::WriteText;
+using TestSupport::TempDir;
 
 // Runs this test program again with a filter and one more variable.
 inline DWORD RunSelf(const std::wstring& filter, const std::wstring& name, const std::wstring& value) {

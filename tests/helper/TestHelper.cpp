@@ -26,10 +26,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <cwchar>
+#include <latch>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "components/ComponentInterfaces.h"
+#include "Handle.h"
+#include "module/ModuleHost.h"
+#include "module/Nodes.h"
 
 namespace {
 
@@ -47,10 +51,10 @@ bool ParseUnsigned(const wchar_t* text, unsigned long& value) {
 int HoldShared(const Arguments& args, DWORD share) {
   unsigned long ms = 0;
   if (args.count < 2 || !ParseUnsigned(args.values[1], ms)) return 2;
-  HANDLE file = ::CreateFileW(args.values[0], GENERIC_READ, share, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return 1;
+  const Handle file(
+      ::CreateFileW(args.values[0], GENERIC_READ, share, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file) return 1;
   ::Sleep(ms);
-  ::CloseHandle(file);
   return 0;
 }
 
@@ -65,168 +69,100 @@ int SleepFor(const Arguments& args) {
 }
 
 // Host sequences ------------------------------------------------------------
-// The module driven the way a host drives it: WatchDog64.dll and DataLayer.dll
-// loaded at run time from this program's folder, components made by class
-// id. A sequence that crashes or ends the process shows in the exit code.
+// The module driven the way a host drives it, through wd64host's own client
+// of the contract: WatchDog64.dll and DataLayer.dll loaded at run time from
+// this program's folder, components made by class id. A sequence that
+// crashes or ends the process shows in the exit code.
 
-struct DataLayerApi {
-  decltype(&VhnCreateNode) createNode = nullptr;
-  decltype(&VhnSetAttribute) setAttribute = nullptr;
-  decltype(&VhnAddChild) addChild = nullptr;
-  decltype(&VhnCloseNodeHandle) closeNode = nullptr;
-};
+using Host::ComponentRef;
+using Host::Node;
 
-struct HostModule {
-  HMODULE hModule = nullptr;
-  IComponentsModule* pModule = nullptr;
-  DataLayerApi vhn;
+// A crash on any thread (a worker left in unmapped code) ends the process
+// with exit code 4 at once, instead of waiting on a debugger.
+void ExitOnCrash() {
+  ::SetUnhandledExceptionFilter([](EXCEPTION_POINTERS*) -> LONG {
+    std::fputs("crashed\n", stdout);
+    std::fflush(stdout);
+    ::TerminateProcess(::GetCurrentProcess(), 4);
+    return EXCEPTION_EXECUTE_HANDLER;
+  });
+}
 
-  bool Load() {
-    // A crash on any thread (a worker left in unmapped code) ends the process
-    // with exit code 4 at once, instead of waiting on a debugger.
-    ::SetUnhandledExceptionFilter([](EXCEPTION_POINTERS*) -> LONG {
-      std::fputs("crashed\n", stdout);
-      std::fflush(stdout);
-      ::TerminateProcess(::GetCurrentProcess(), 4);
-      return EXCEPTION_EXECUTE_HANDLER;
-    });
-    wchar_t self[MAX_PATH];
-    const DWORD length = ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring folder(self, length);
-    folder.erase(folder.find_last_of(L'\\') + 1);
-    HMODULE dataLayer = ::LoadLibraryW((folder + L"DataLayer.dll").c_str());
-    hModule = ::LoadLibraryW((folder + L"WatchDog64.dll").c_str());
-    if (dataLayer == nullptr || hModule == nullptr) return false;
-    vhn.createNode = reinterpret_cast<decltype(vhn.createNode)>(
-        reinterpret_cast<void*>(::GetProcAddress(dataLayer, "VhnCreateNode")));
-    vhn.setAttribute = reinterpret_cast<decltype(vhn.setAttribute)>(
-        reinterpret_cast<void*>(::GetProcAddress(dataLayer, "VhnSetAttribute")));
-    vhn.addChild =
-        reinterpret_cast<decltype(vhn.addChild)>(reinterpret_cast<void*>(::GetProcAddress(dataLayer, "VhnAddChild")));
-    vhn.closeNode = reinterpret_cast<decltype(vhn.closeNode)>(
-        reinterpret_cast<void*>(::GetProcAddress(dataLayer, "VhnCloseNodeHandle")));
-    const auto getModule = reinterpret_cast<WatchDog64::GetComponentsModuleObjectFn>(
-        reinterpret_cast<void*>(::GetProcAddress(hModule, WatchDog64::kGetComponentsModuleObjectName)));
-    void* object = nullptr;
-    if (getModule == nullptr || getModule(&object) != S_OK || !vhn.createNode || !vhn.setAttribute || !vhn.addChild ||
-        !vhn.closeNode)
-      return false;
-    pModule = static_cast<IComponentsModule*>(object);
-    return true;
+template <typename I>
+ComponentRef<I> Create(Host::ModuleHost& host, const GUID& clsid) {
+  return host.Create<I>(clsid, L"component");
+}
+
+int IsLocked(Host::ModuleHost& host) {
+  int locked = -1;
+  host.Module()->IsLocked(&locked);
+  return locked;
+}
+
+Node Interval(const wchar_t* name, bool b64) {
+  Node node;
+  if (b64) {
+    node.SetInt64(name, 1);
+  } else {
+    node.SetInt32(name, 1);
   }
+  return node;
+}
 
-  template <typename I>
-  I* Create(const GUID& clsid) {
-    void* object = nullptr;
-    return pModule->CreateComponent(&clsid, &I::IID, &object) == S_OK ? static_cast<I*>(object) : nullptr;
-  }
-
-  int IsLocked() {
-    int locked = -1;
-    pModule->IsLocked(&locked);
-    return locked;
-  }
-
-  // A node with one 32- or 64-bit attribute.
-  HVHNODE Node(const wchar_t* name, std::uint16_t type, std::int64_t value) {
-    HVHNODE node = nullptr;
-    vhn.createNode(&node);
-    const std::int32_t small = static_cast<std::int32_t>(value);
-    if (type == VHN_TYPE_INT32) vhn.setAttribute(node, name, type, &small, sizeof(small));
-    if (type == VHN_TYPE_INT64) vhn.setAttribute(node, name, type, &value, sizeof(value));
-    return node;
-  }
-};
-
-// Runs `count` copies of `work` on threads released at once.
+// Runs `count` copies of `work(index)` on threads released at once.
 template <typename Work>
 void AtOnce(int count, Work work) {
-  struct Start {
-    HANDLE go;
-    Work* work;
-    int index;
-  };
-  HANDLE go = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  std::vector<Start> starts(static_cast<std::size_t>(count));
-  std::vector<HANDLE> threads;
-  for (int i = 0; i < count; ++i) {
-    starts[static_cast<std::size_t>(i)] = Start{go, &work, i};
-    threads.push_back(::CreateThread(
-        nullptr, 0,
-        [](void* parameter) -> DWORD {
-          auto* start = static_cast<Start*>(parameter);
-          ::WaitForSingleObject(start->go, INFINITE);
-          (*start->work)(start->index);
-          return 0;
-        },
-        &starts[static_cast<std::size_t>(i)], 0, nullptr));
-  }
-  ::SetEvent(go);
-  for (HANDLE thread : threads) {
-    ::WaitForSingleObject(thread, INFINITE);
-    ::CloseHandle(thread);
-  }
-  ::CloseHandle(go);
+  std::latch start(count);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < count; ++i) threads.emplace_back([&, i] { start.arrive_and_wait(), work(i); });
+  for (std::thread& thread : threads) thread.join();
 }
 
 unsigned CountOwnThreads() {
   unsigned count = 0;
-  HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  const Handle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
   THREADENTRY32 entry{};
   entry.dwSize = sizeof(entry);
-  for (BOOL more = ::Thread32First(snapshot, &entry); more; more = ::Thread32Next(snapshot, &entry)) {
+  for (BOOL more = ::Thread32First(snapshot.Get(), &entry); more; more = ::Thread32Next(snapshot.Get(), &entry)) {
     if (entry.th32OwnerProcessID == ::GetCurrentProcessId()) ++count;
   }
-  ::CloseHandle(snapshot);
   return count;
 }
 
 // A watcher configured again while it runs, and again after Shutdown, and
 // one configured from eight threads at once; prints each result.
 int HostReconfigure(const Arguments&) {
-  HostModule host;
-  if (!host.Load()) return 1;
-  HVHNODE config = host.Node(L"ActionsPerformIntervalSec", VHN_TYPE_INT32, 1);
-  auto* watcher = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher);
-  IVHShutdownable* shutdown = nullptr;
-  if (watcher == nullptr || watcher->QueryInterface(&IVHShutdownable::IID, reinterpret_cast<void**>(&shutdown)) != S_OK)
-    return 1;
-  std::wprintf(L"configure 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config)));
-  std::wprintf(L"again 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config)));
-  std::wprintf(L"shutdown 0x%08lX\n", static_cast<unsigned long>(shutdown->Shutdown()));
-  std::wprintf(L"after shutdown 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config)));
-  std::wprintf(L"and again 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config)));
-  shutdown->Release();
-  watcher->Release();
-
-  auto* contested = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher);
-  if (contested == nullptr) return 1;
-  std::atomic<int> succeeded{0};
-  AtOnce(8, [&](int) {
-    if (contested->Configure(config) == S_OK) ++succeeded;
-  });
-  std::wprintf(L"concurrent successes %d\n", succeeded.load());
-  contested->Release();  // without Shutdown: the release stops its worker
-
-  // Configure and Shutdown racing on fresh watchers, each released at once.
-  int unexpected = 0;
-  for (int round = 0; round < 20; ++round) {
-    auto* raced = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher);
-    IVHShutdownable* stopper = nullptr;
-    if (raced == nullptr || raced->QueryInterface(&IVHShutdownable::IID, reinterpret_cast<void**>(&stopper)) != S_OK)
-      return 1;
-    std::atomic<int> bad{0};
-    AtOnce(6, [&](int index) {
-      const HRESULT hr = index % 2 == 0 ? raced->Configure(config) : stopper->Shutdown();
-      if (hr != S_OK && hr != HRESULT_FROM_WIN32(ERROR_INVALID_STATE)) ++bad;
-    });
-    unexpected += bad.load();
-    stopper->Release();
-    raced->Release();
+  ExitOnCrash();
+  Host::ModuleHost host;
+  const Node config = Interval(L"ActionsPerformIntervalSec", false);
+  {
+    auto watcher = Create<IVHConfigurable>(host, WatchDog64::CLSID_FreeSpaceWatcher);
+    const auto shutdown = watcher.As<IVHShutdownable>();
+    std::wprintf(L"configure 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config.Get())));
+    std::wprintf(L"again 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config.Get())));
+    std::wprintf(L"shutdown 0x%08lX\n", static_cast<unsigned long>(shutdown->Shutdown()));
+    std::wprintf(L"after shutdown 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config.Get())));
+    std::wprintf(L"and again 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config.Get())));
   }
-  std::wprintf(L"raced rounds unexpected %d\n", unexpected);
-  host.vhn.closeNode(config);
-  std::wprintf(L"locked after release %d\n", host.IsLocked());
+  {
+    // Released without Shutdown: the release stops its worker.
+    auto contested = Create<IVHConfigurable>(host, WatchDog64::CLSID_FreeSpaceWatcher);
+    std::atomic<int> succeeded{0};
+    AtOnce(8, [&](int) { succeeded += contested->Configure(config.Get()) == S_OK; });
+    std::wprintf(L"concurrent successes %d\n", succeeded.load());
+  }
+  // Configure and Shutdown racing on fresh watchers, each released at once.
+  std::atomic<int> unexpected{0};
+  for (int round = 0; round < 20; ++round) {
+    auto raced = Create<IVHConfigurable>(host, WatchDog64::CLSID_FreeSpaceWatcher);
+    const auto stopper = raced.As<IVHShutdownable>();
+    AtOnce(6, [&](int index) {
+      const HRESULT hr = index % 2 == 0 ? raced->Configure(config.Get()) : stopper->Shutdown();
+      unexpected += hr != S_OK && hr != HRESULT_FROM_WIN32(ERROR_INVALID_STATE);
+    });
+  }
+  std::wprintf(L"raced rounds unexpected %d\n", unexpected.load());
+  std::wprintf(L"locked after release %d\n", IsLocked(host));
   std::fflush(stdout);
   return 0;
 }
@@ -237,32 +173,25 @@ int HostReconfigure(const Arguments&) {
 int HostWatchdogs(const Arguments& args) {
   unsigned long rounds = 0;
   if (args.count < 1 || !ParseUnsigned(args.values[0], rounds)) return 2;
-  HostModule host;
-  if (!host.Load()) return 1;
-  HVHNODE config = host.Node(L"RefreshIntervalSeconds", VHN_TYPE_INT64, 1);
-  IVHConfigurable* dogs[2] = {host.Create<IVHConfigurable>(WatchDog64::CLSID_WatchDog),
-                              host.Create<IVHConfigurable>(WatchDog64::CLSID_WatchDog)};
-  IVHShutdownable* stopper = host.Create<IVHShutdownable>(WatchDog64::CLSID_WatchDog);
-  if (dogs[0] == nullptr || dogs[1] == nullptr || stopper == nullptr) return 1;
+  ExitOnCrash();
+  Host::ModuleHost host;
+  const Node config = Interval(L"RefreshIntervalSeconds", true);
+  const ComponentRef<IVHConfigurable> dogs[2] = {Create<IVHConfigurable>(host, WatchDog64::CLSID_WatchDog),
+                                                 Create<IVHConfigurable>(host, WatchDog64::CLSID_WatchDog)};
+  const auto stopper = Create<IVHShutdownable>(host, WatchDog64::CLSID_WatchDog);
   const unsigned baseline = CountOwnThreads();
   std::atomic<int> failures{0};
   for (unsigned long round = 0; round < rounds; ++round) {
     AtOnce(round % 3 == 2 ? 3 : 2, [&](int index) {
-      const HRESULT hr = index < 2 ? dogs[index]->Configure(config) : stopper->Shutdown();
-      if (hr != S_OK) ++failures;
+      failures += (index < 2 ? dogs[index]->Configure(config.Get()) : stopper->Shutdown()) != S_OK;
     });
   }
   // The last round may have ended with the Shutdown; one more Configure
   // leaves a worker running for sure.
-  if (dogs[0]->Configure(config) != S_OK) ++failures;
+  failures += dogs[0]->Configure(config.Get()) != S_OK;
   const unsigned running = CountOwnThreads() - baseline;
   stopper->Shutdown();
-  const unsigned afterShutdown = CountOwnThreads() - baseline;
-  std::wprintf(L"failures %d workers %u after shutdown %u\n", failures.load(), running, afterShutdown);
-  dogs[0]->Release();
-  dogs[1]->Release();
-  stopper->Release();
-  host.vhn.closeNode(config);
+  std::wprintf(L"failures %d workers %u after shutdown %u\n", failures.load(), running, CountOwnThreads() - baseline);
   std::fflush(stdout);
   return 0;
 }
@@ -271,41 +200,32 @@ int HostWatchdogs(const Arguments& args) {
 // releasing a running watcher, then after releasing a configured watchdog
 // without Shutdown (its worker keeps the lock until it is stopped).
 int HostUnload(const Arguments&) {
-  HostModule host;
-  if (!host.Load()) return 1;
+  ExitOnCrash();
+  Host::ModuleHost host;
   auto waitUnlocked = [&](DWORD limitMs) {
-    const DWORD start = ::GetTickCount();
-    while (host.IsLocked() != 0) {
+    for (const DWORD start = ::GetTickCount(); IsLocked(host) != 0; ::Sleep(5)) {
       if (::GetTickCount() - start > limitMs) return false;
-      ::Sleep(5);
     }
     return true;
   };
-
-  HVHNODE watcherConfig = host.Node(L"ActionsPerformIntervalSec", VHN_TYPE_INT32, 1);
-  auto* watcher = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher);
-  if (watcher == nullptr || watcher->Configure(watcherConfig) != S_OK) return 1;
-  watcher->Release();
-  host.vhn.closeNode(watcherConfig);
-  std::wprintf(L"watcher released, locked %d\n", host.IsLocked());
-
-  HVHNODE config = host.Node(L"RefreshIntervalSeconds", VHN_TYPE_INT64, 1);
-  auto* dog = host.Create<IVHConfigurable>(WatchDog64::CLSID_WatchDog);
-  if (dog == nullptr || dog->Configure(config) != S_OK) return 1;
-  dog->Release();
+  {
+    auto watcher = Create<IVHConfigurable>(host, WatchDog64::CLSID_FreeSpaceWatcher);
+    if (watcher->Configure(Interval(L"ActionsPerformIntervalSec", false).Get()) != S_OK) return 1;
+  }
+  std::wprintf(L"watcher released, locked %d\n", IsLocked(host));
+  {
+    auto dog = Create<IVHConfigurable>(host, WatchDog64::CLSID_WatchDog);
+    if (dog->Configure(Interval(L"RefreshIntervalSeconds", true).Get()) != S_OK) return 1;
+  }
   if (waitUnlocked(1000)) {
     std::wprintf(L"unlocked while the worker runs\n");
   } else {
     std::wprintf(L"locked while the worker runs\n");
-    auto* stopper = host.Create<IVHShutdownable>(WatchDog64::CLSID_WatchDog);
-    if (stopper == nullptr) return 1;
-    stopper->Shutdown();
-    stopper->Release();
+    Create<IVHShutdownable>(host, WatchDog64::CLSID_WatchDog)->Shutdown();
     if (!waitUnlocked(10000)) return 3;
   }
-  host.vhn.closeNode(config);
   std::fflush(stdout);
-  ::FreeLibrary(host.hModule);
+  ::FreeLibrary(::GetModuleHandleW(host.ModulePath().c_str()));
   // Long enough for a worker left in unmapped code to crash the process.
   ::Sleep(500);
   std::wprintf(L"unloaded and alive\n");
@@ -313,12 +233,12 @@ int HostUnload(const Arguments&) {
   return 0;
 }
 
-HANDLE OpenForAppend(const wchar_t* path) {
+// Opened anew while a packer or another writer holds the file for a moment.
+Handle OpenForAppend(const wchar_t* path) {
   for (;;) {
-    HANDLE file = ::CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file != INVALID_HANDLE_VALUE) return file;
-    if (::GetLastError() != ERROR_SHARING_VIOLATION && ::GetLastError() != ERROR_ACCESS_DENIED) return file;
+    Handle file(::CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (file || (::GetLastError() != ERROR_SHARING_VIOLATION && ::GetLastError() != ERROR_ACCESS_DENIED)) return file;
     ::Sleep(1);
   }
 }
@@ -328,26 +248,22 @@ int Append(const Arguments& args) {
   if (args.count < 4 || !ParseUnsigned(args.values[2], count)) return 2;
   const bool keep = std::wcscmp(args.values[3], L"keep") == 0;
   if (!keep && std::wcscmp(args.values[3], L"line") != 0) return 2;
-  HANDLE file = INVALID_HANDLE_VALUE;
+  Handle file;
   DWORD opened = 0;
-  for (unsigned long i = 0; i < count; ++i) {
-    if (file == INVALID_HANDLE_VALUE || !keep || ::GetTickCount() - opened >= 5000) {
-      if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);
+  for (unsigned long i = 0; i < count; ++i, ::Sleep(1)) {
+    if (!file || !keep || ::GetTickCount() - opened >= 5000) {
       file = OpenForAppend(args.values[0]);
-      if (file == INVALID_HANDLE_VALUE) return 1;
+      if (!file) return 1;
       opened = ::GetTickCount();
     }
     char line[160];
     const int length = std::snprintf(line, sizeof(line), "%ls %lu\r\n", args.values[1], i);
     DWORD written = 0;
-    if (!::WriteFile(file, line, static_cast<DWORD>(length), &written, nullptr) || written != DWORD(length)) return 1;
-    if (!keep) {
-      ::CloseHandle(file);
-      file = INVALID_HANDLE_VALUE;
+    if (!::WriteFile(file.Get(), line, static_cast<DWORD>(length), &written, nullptr) || written != DWORD(length)) {
+      return 1;
     }
-    ::Sleep(1);
+    if (!keep) file.Reset();
   }
-  if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);
   return 0;
 }
 
@@ -377,15 +293,17 @@ int Usage() {
 
 int main() {
   int argc = 0;
-  wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
+  const LocalMemory owned(::CommandLineToArgvW(::GetCommandLineW(), &argc));
+  wchar_t** argv = static_cast<wchar_t**>(owned.Get());
   if (argv == nullptr || argc < 2) return Usage();
-  int result = -1;
   for (const Command& command : kCommands) {
-    if (std::wcscmp(argv[1], command.name) == 0) {
-      result = command.run(Arguments{argc - 2, argv + 2});
-      break;
+    if (std::wcscmp(argv[1], command.name) != 0) continue;
+    try {
+      return command.run(Arguments{argc - 2, argv + 2});
+    } catch (const Host::HostError& error) {
+      std::fwprintf(stderr, L"%ls\n", error.Text().c_str());
+      return 1;
     }
   }
-  ::LocalFree(argv);
-  return result == -1 ? Usage() : result;
+  return Usage();
 }

@@ -5,58 +5,31 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "Config.h"
 #include "ErrorHandling.h"
-#include "ModulePath.h"
+#include "Files.h"
 #include "Processes.h"
-#include "Trust.h"
+#include "config/Check.h"
+#include "config/Config.h"
+#include "config/Trust.h"
+#include "module/ModuleHost.h"
+#include "platform/ModulePath.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-struct Result {
-  DWORD exitCode = 0xFFFFFFFF;
-  std::string output;  // stdout and stderr together
-};
+using Result = TestSupport::Finished;
 
 // Runs wd64host.exe with `arguments` and waits at most `timeoutMs`.
 Result RunHost(const std::wstring& arguments, DWORD timeoutMs = 60000) {
-  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-  HANDLE readPipe = nullptr, writePipe = nullptr;
-  CreatePipe(&readPipe, &writePipe, &inherit, 0);
-  SetHandleInformation(readPipe, HANDLE_FLAG_INHERIT, 0);
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = writePipe;
-  startup.hStdError = writePipe;
-  startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-  std::wstring command = L"\"" + Kestrel::ModuleDirectory() + L"wd64host.exe\" " + arguments;
-  PROCESS_INFORMATION process{};
-  Result result;
-  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
-    result.output = "cannot start wd64host.exe";
-    CloseHandle(readPipe);
-    CloseHandle(writePipe);
-    return result;
-  }
-  CloseHandle(writePipe);
-  char buffer[4096];
-  DWORD read = 0;
-  while (ReadFile(readPipe, buffer, sizeof buffer, &read, nullptr) && read > 0) result.output.append(buffer, read);
-  CloseHandle(readPipe);
-  if (WaitForSingleObject(process.hProcess, timeoutMs) != WAIT_OBJECT_0) TerminateProcess(process.hProcess, 999);
-  GetExitCodeProcess(process.hProcess, &result.exitCode);
-  CloseHandle(process.hProcess);
-  CloseHandle(process.hThread);
-  return result;
+  return TestSupport::RunToEnd(L"wd64host.exe", arguments, timeoutMs);
 }
 
 fs::path TestFolder(const char* name) {
@@ -66,23 +39,8 @@ fs::path TestFolder(const char* name) {
   return folder;
 }
 
-void WriteFile(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-
-std::string ReadUtf16(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  return Host::Narrow(std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / 2));
-}
-
-std::string Json(const fs::path& path) {
-  std::string text = Host::Narrow(path.wstring());
-  std::string escaped;
-  for (char c : text) {
-    if (c == '\\') escaped += '\\';
-    escaped += c;
-  }
-  return "\"" + escaped + "\"";
-}
+const auto WriteFile = TestSupport::WriteText;
+std::string ReadUtf16(const fs::path& path) { return Host::Narrow(TestSupport::ReadUtf16(path)); }
 
 TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   const fs::path folder = TestFolder("run");
@@ -98,41 +56,33 @@ TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
   ULARGE_INTEGER available{};
   ASSERT_TRUE(GetDiskFreeSpaceExW(folder.c_str(), &available, nullptr, nullptr));
   const long long freeMb = static_cast<long long>(available.QuadPart >> 20);
-  const fs::path events = folder / "events.log";
-  const fs::path config = folder / "config.jsonc";
-  WriteFile(config,
-            "{\n"
-            "  // everything at once, on short intervals\n"
-            "  \"globalSettings\": { \"EventReporting\": { \"EventsLogFile\": " +
-                Json(events) +
-                " } },\n"
-                "  \"freeSpaceWatcher\": { \"ActionsPerformIntervalSec\": 1, \"groups\": [ {\n"
-                "    \"FreeSpaceStopServicesLowerBoundMB\": " +
-                std::to_string(freeMb + 1024) +
-                ",\n"
-                "    \"FreeSpaceWarningLowerBoundMB\": " +
-                std::to_string(freeMb + 2048) +
-                ",\n"
-                "    \"FreeSpaceRecommendedMinimumMB\": " +
-                std::to_string(freeMb + 4096) +
-                ",\n"
-                "    \"Paths\": [ " +
-                Json(folder) +
-                " ], \"ServiceNames\": [ \"WD64HostRunVictim\" ] } ] },\n"
-                "  \"watchdog\": { \"RefreshIntervalSeconds\": 1 },\n"
-                "  \"logPacker\": { \"LogsDirectoryPath\": " +
-                Json(logs) +
-                ", \"LogFileMask\": \"*.log\",\n"
-                "    \"MaxLogFileAgeInHours\": 24, \"MaxLogFileSizeInMegabytes\": 2 }\n"
-                "}\n");
-
-  const Result result = RunHost(L"run --for 5 --config \"" + config.wstring() + L"\"");
+  const fs::path events = folder / "events.log", config = folder / "config.jsonc";
+  const nlohmann::json group{{"FreeSpaceStopServicesLowerBoundMB", freeMb + 1024},
+                             {"FreeSpaceWarningLowerBoundMB", freeMb + 2048},
+                             {"FreeSpaceRecommendedMinimumMB", freeMb + 4096},
+                             {"Paths", {Host::Narrow(folder.wstring())}},
+                             {"ServiceNames", {"WD64HostRunVictim"}}};
+  const nlohmann::json document{
+      {"globalSettings", {{"EventReporting", {{"EventsLogFile", Host::Narrow(events.wstring())}}}}},
+      {"freeSpaceWatcher", {{"ActionsPerformIntervalSec", 1}, {"groups", {group}}}},
+      {"watchdog", {{"RefreshIntervalSeconds", 1}}},
+      {"logPacker", {{"LogsDirectoryPath", Host::Narrow(logs.wstring())}, {"LogFileMask", "*.log"},
+                     {"MaxLogFileAgeInHours", 24}, {"MaxLogFileSizeInMegabytes", 2}}},
+      {"metrics", {{"intervalSeconds", 1}}}};
+  WriteFile(config, "// everything at once, on short intervals\n" + document.dump(2));
+  const fs::path metrics = folder / "wd64.prom";
+  const Result result =
+      RunHost(L"run --for 5 --config \"" + config.wstring() + L"\" --metrics-file \"" + metrics.wstring() + L"\"");
   EXPECT_EQ(result.exitCode, 0u) << result.output;
   for (const char* piece : {"log packer: packed 1 file, 2097153 bytes into logs_",
                             "free-space watcher: configured, 1 group(s)", "watchdog: configured, heartbeat every 1 s",
                             "free-space watcher: stopped", "watchdog: stopped", "log packer: released"}) {
     EXPECT_NE(result.output.find(piece), std::string::npos) << piece << "\n" << result.output;
   }
+  // The section's interval holds for a file named on the command line.
+  EXPECT_NE(result.output.find("metrics: written to " + Host::Narrow(metrics.wstring()) + " every 1 s"),
+            std::string::npos) << result.output;
+  EXPECT_TRUE(fs::exists(metrics));
 
   const std::string entries = ReadUtf16(events);
   EXPECT_NE(entries.find("EventId: 4302; Type: 'Error'(1)"), std::string::npos) << entries;
@@ -181,7 +131,7 @@ TEST(HostConfigParse, TypesRangesAndRelativePaths) {
                             "/freeSpaceWatcher/groups/0/Paths/0: expected a non-empty string",
                             "/freeSpaceWatcher/groups/0/name: expected a non-empty string",
                             "/freeSpaceWatcher/groups/1: missing required key \"ServiceNames\"",
-                            "/freeSpaceWatcher/groups/1/FreeSpaceStopServicesLowerBoundMB: give",
+                            "/freeSpaceWatcher/groups/1/FreeSpaceStopServicesLowerBoundMB: Both",
                             "/logPacker/LogsDirectoryPath: must not be empty",
                             "/logPacker/MaxLogFileSizeInMegabytes: must be 0 to 9223372036854775807",
                             "/metrics/every: unknown key",
@@ -195,6 +145,79 @@ TEST(HostConfigParse, TypesRangesAndRelativePaths) {
   const Host::Config defaults = Host::DefaultConfig(L"C:\\Module\\");
   EXPECT_EQ(defaults.source, L"<embedded default>");
   EXPECT_EQ(defaults.watcher->groups.size(), 1u);
+}
+
+// Each range key at its exact minimum and maximum, and one beyond each: the
+// ranges inside which the module's own arithmetic does not wrap.
+TEST(HostConfigParse, EveryRangeKeyTakesItsBoundsAndRefusesOneBeyond) {
+  const nlohmann::json base = nlohmann::json::parse(R"({
+      "freeSpaceWatcher": { "groups": [ { "Paths": ["C:\\"], "ServiceNames": [] } ] },
+      "watchdog": { "RefreshIntervalSeconds": 30 },
+      "logPacker": { "LogsDirectoryPath": "C:\\", "LogFileMask": "*.log", "MaxLogFileAgeInHours": 1,
+                     "MaxLogFileSizeInMegabytes": 1 },
+      "metrics": {} })");
+  constexpr std::int64_t kInt32Max = 2147483647, kInt64Max = 9223372036854775807;
+  const struct {
+    const char* section;
+    const char* key;
+    std::int64_t minimum, maximum;
+  } ranges[] = {
+      {"/freeSpaceWatcher", "ActionsPerformIntervalSec", 1, 4294967},
+      {"/freeSpaceWatcher/groups/0", "EventResendTimeoutSec", 1, 2147483},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceRecommendedMinimumGB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceRecommendedMinimumMB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceWarningLowerBoundGB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceWarningLowerBoundMB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceStopServicesLowerBoundGB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceStopServicesLowerBoundMB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceRestartServicesLowerBoundGB", 0, kInt32Max},
+      {"/freeSpaceWatcher/groups/0", "FreeSpaceRestartServicesLowerBoundMB", 0, kInt32Max},
+      {"/watchdog", "RefreshIntervalSeconds", 1, 4294967},
+      {"/logPacker", "MaxLogFileAgeInHours", 0, kInt64Max},
+      {"/logPacker", "MaxLogFileSizeInMegabytes", 0, kInt64Max},
+      {"/logPacker", "MaxArchiveAgeInDays", 0, kInt64Max},
+      {"/logPacker", "MaxArchivesTotalSizeInMegabytes", 0, kInt64Max},
+      {"/logPacker", "PackIntervalSeconds", 1, 4294967},
+      {"/metrics", "intervalSeconds", 1, 86400},
+  };
+  for (const auto& range : ranges) {
+    const std::string place = std::string(range.section) + "/" + range.key;
+    const std::pair<nlohmann::json, bool> values[] = {{range.minimum, true},
+                                                      {range.maximum, true},
+                                                      {range.minimum - 1, false},
+                                                      {static_cast<std::uint64_t>(range.maximum) + 1, false}};
+    for (const auto& [value, accepted] : values) {
+      nlohmann::json document = base;
+      document[nlohmann::json::json_pointer(range.section)][range.key] = value;
+      std::vector<Host::Problem> problems;
+      Host::ReadConfigText(document.dump(), L"inline", L"C:\\Module\\", problems);
+      // The bounds' order is judged at the group, not at the key.
+      const bool refused = std::any_of(problems.begin(), problems.end(),
+                                       [&](const Host::Problem& p) { return Host::Narrow(p.place) == place; });
+      EXPECT_EQ(refused, !accepted) << place << " = " << value.dump();
+    }
+  }
+}
+
+// A configuration the reader takes but the module refuses is an error at
+// the place of the part the module refused: each watch group is tried alone.
+TEST(HostCheck, TheModulesRefusalIsAnErrorAtItsGroup) {
+  const std::string folder = Host::Narrow(Kestrel::ModuleDirectory());
+  const nlohmann::json group{{"Paths", {folder}}, {"ServiceNames", nlohmann::json::array()}};
+  Host::Config config = Host::ParseConfig(nlohmann::json{{"freeSpaceWatcher", {{"groups", {group, group}}}}}.dump(),
+                                          L"inline", Kestrel::ModuleDirectory());
+  // Past the reader: a stop bound above the warning bound's default.
+  config.watcher->groups[1].values.emplace_back(L"FreeSpaceStopServicesLowerBoundGB",
+                                                Host::Value{Host::ValueKind::Int32, 50});
+  Host::ModuleHost host;
+  const Host::CheckReport report = Host::CheckConfiguration(host, config, {});
+  ASSERT_EQ(report.Errors(), 1u);
+  for (const Host::Problem& problem : report.problems) {
+    if (problem.warning) continue;
+    EXPECT_EQ(problem.place, L"/freeSpaceWatcher/groups/1");
+    EXPECT_EQ(Host::Narrow(problem.message).rfind("the module refuses it: 0x80070057 ", 0), 0u)
+        << Host::Narrow(problem.message);
+  }
 }
 
 TEST(HostConfigParse, DuplicateKeysAndEncodings) {

@@ -23,11 +23,11 @@
 #include <string>
 #include <thread>
 
-#include "Config.h"
+#include "config/Config.h"
 #include "Links.h"
-#include "Metrics.h"
-#include "ModuleHost.h"
-#include "ModulePath.h"
+#include "metrics/Metrics.h"
+#include "module/ModuleHost.h"
+#include "platform/ModulePath.h"
 #include "Processes.h"
 #include "platform/FileTrust.h"
 
@@ -204,34 +204,28 @@ TEST(MetricsChild, WritesWhenStartedAsASecondProcess) {
   ExitProcess(static_cast<UINT>(failures));
 }
 
-TEST(MetricsRules, LevelsBoundsPathsAndEscaping) {
-  const Host::GroupBounds bounds{300, 200, 100};
+TEST(MetricsRules, GroupLevelIsTheWorstReadablePathInAnyOrderAndLabelsAreEscaped) {
+  const Kestrel::Rules::WatchGroupBounds bounds{300, 200, 100, std::nullopt};
   const std::pair<std::vector<std::optional<std::uint64_t>>, int> levels[] = {
       {{}, 0}, {{300}, 0}, {{299}, 1}, {{200}, 1}, {{199}, 2}, {{100}, 2}, {{99}, 3},  // equal is not below
       {{std::nullopt}, 0},                                                              // unreadable paths do not count
-      {{std::nullopt, 50}, 3}, {{1000, 150, 250}, 2},
-      {{~std::uint64_t{0}}, 0},  // beyond the signed range: far above every bound
+      {{std::nullopt, 50, 1000}, 3}, {{1000, 150, 250, std::nullopt}, 2}, {{250, 301, 1000}, 1},
+      {{~std::uint64_t{0}, 0}, 3},  // beyond the signed range: far above every bound, yet 0 is below them all
   };
-  for (const auto& [samples, level] : levels) EXPECT_EQ(Host::GroupLevel(samples, bounds), level) << samples.size();
+  for (auto [samples, level] : levels) {
+    std::sort(samples.begin(), samples.end());
+    do {
+      EXPECT_EQ(static_cast<int>(Host::GroupLevel(samples, bounds)), level) << samples.size();
+    } while (std::next_permutation(samples.begin(), samples.end()));
+  }
 
   // The default bounds and MB keys show in the written files below; GB here.
   json given = Group({L"C:\\"});
   given.update({{"FreeSpaceRecommendedMinimumGB", 3}, {"FreeSpaceWarningLowerBoundMB", 2048},
                 {"FreeSpaceStopServicesLowerBoundMB", 1024}});
   const auto config = Watching({Group({L"C:\\"}), given});
-  EXPECT_EQ(Host::ReadBounds(config.watcher->groups[1]).recommended, 3 * 1024 * kMB);
+  EXPECT_EQ(Host::BoundsOf(config.watcher->groups[1]).recommendedBytes, 3 * 1024 * kMB);
   EXPECT_EQ(Host::GroupLabel(config.watcher->groups[1], 1), L"1");
-
-  const std::wstring module = Kestrel::ModuleDirectory(), longValue = L"C:\\" + std::wstring(300, L'x');
-  SetEnvironmentVariableW(L"WD64_METRICS_BASE", L"C:\\base");
-  SetEnvironmentVariableW(L"WD64_METRICS_LONG", longValue.c_str());
-  EXPECT_EQ(Host::WatchedPath(L"%WD64_METRICS_BASE%\\data", module), L"C:\\base\\data");
-  EXPECT_EQ(Host::WatchedPath(L"%WD64_METRICS_LONG%\\d", module), longValue + L"\\d");
-  EXPECT_EQ(Host::WatchedPath(L"logs", module), module + L"logs");
-  EXPECT_EQ(Host::WatchedPath(L"%WD64_METRICS_UNSET%\\d", module), module + L"%WD64_METRICS_UNSET%\\d");
-  EXPECT_EQ(Host::WatchedPath(L"", module), module);
-  SetEnvironmentVariableW(L"WD64_METRICS_BASE", nullptr);
-  SetEnvironmentVariableW(L"WD64_METRICS_LONG", nullptr);
 
   EXPECT_EQ(Host::EscapeLabelValue(L"C:\\a \"b\"\nc"), "C:\\\\a \\\"b\\\"\\nc");
   EXPECT_EQ(Host::EscapeLabelValue(L"\u0434\u0430\u043d\u043d\u044b\u0435 \u6570\u636e \U0001F600"),

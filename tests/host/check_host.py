@@ -145,7 +145,8 @@ class Check(unittest.TestCase):
                       "Logger": { "MaxSeverty": "INFO", "MaxSeverity": "VERBOSE", "KeepOpenInterval": "12abc" } },
   "freeSpaceWatcher": { "ActionsPerformIntervalSec": 4294968, "groups": [
     { "Paths": [], "ServiceNames": [], "EventResendTimeoutSec": 5000000 },
-    { "Paths": ["C:\\\\"], "ServiceNames": [], "FreeSpaceStopServicesLowerBoundGB": 30 } ] },
+    { "Paths": ["C:\\\\"], "ServiceNames": [], "FreeSpaceStopServicesLowerBoundGB": 30 },
+    { "Paths": ["C:\\\\"], "ServiceNames": [], "FreeSpaceRestartServicesLowerBoundGB": 10 } ] },
   "watchdog": { "RefreshIntervalSeconds": 0 },
   "logPacker": { "LogsDirectoryPath": "Logs", "LogFileMask": "*.log", "MaxLogFileAgeInHours": -1,
                  "MaxLogFileSizeInMegabytes": 1, "PackIntervalSeconds": 18446744073709552, "LogFileMask": "*.txt" },
@@ -161,7 +162,9 @@ class Check(unittest.TestCase):
                             ("/freeSpaceWatcher/ActionsPerformIntervalSec", "must be 1 to 4294967"),
                             ("/freeSpaceWatcher/groups/0/EventResendTimeoutSec", "must be 1 to 2147483"),
                             ("/freeSpaceWatcher/groups/0/Paths", "must list at least one folder"),
-                            ("/freeSpaceWatcher/groups/1", "the warning bound (20480 MB) must be above"),
+                            ("/freeSpaceWatcher/groups/1", "The warning bound must be above the stop-services bound"),
+                            ("/freeSpaceWatcher/groups/2",
+                             '"FreeSpaceRestartServicesLowerBoundGB" must be at or above the warning bound'),
                             ("/watchdog/RefreshIntervalSeconds", "must be 1 to"),
                             ("/logPacker/MaxLogFileAgeInHours", "must be 0 to"),
                             ("/logPacker/PackIntervalSeconds", "must be 1 to 4294967"),
@@ -170,7 +173,7 @@ class Check(unittest.TestCase):
             self.assertIn(f"{name}: {place}: {text}", out)
         untrusted = f"{win(base)}: folder of the configuration {name}: Everyone (S-1-1-0) may write to it {RULE}"
         self.assertIn(untrusted, out)
-        self.assertIn("14 error(s)", out)
+        self.assertIn("15 error(s)", out)
 
         # The same file stops `run` before anything starts, with the same
         # texts; at a prompt the folder is only warned about.

@@ -6,13 +6,17 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "Handle.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "ServiceHandle.h"
 
 namespace TestSupport {
@@ -58,6 +62,26 @@ class Process {
   Handle m_handle;
   DWORD m_pid = 0;
 };
+
+// A program beside the tests run to its end (killed after `ms`): its exit code
+// and what it printed on stdout and stderr, line ends as "\n".
+struct Finished {
+  DWORD exitCode = ~DWORD{0};
+  std::string output;
+};
+inline Finished RunToEnd(const std::wstring& program, const std::wstring& arguments, DWORD ms = 120000) {
+  static std::atomic<unsigned> s_runs{0};
+  const std::wstring file = Kestrel::DirectoryOf(Kestrel::ExecutableFilePath()) + L"run-" +
+                            std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(s_runs++) + L".out";
+  Finished result{Process(program, arguments, file).Wait(ms), {}};
+  std::ifstream in(std::filesystem::path(file), std::ios::binary);
+  for (char c : std::string(std::istreambuf_iterator<char>(in), {})) {
+    if (c != '\r') result.output += c;
+  }
+  in.close();
+  ::DeleteFileW(file.c_str());
+  return result;
+}
 
 // This test program again, running the cases `filter` with `environment` set.
 inline Process StartSelf(const std::wstring& filter,

@@ -13,7 +13,7 @@
 
 #include "ErrorHandling.h"
 #include "FreeSpaceChecker.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "logger/Logger.h"
 #include "logger/detail/LogInterfaces.h"
 #include "rules/WatchGroupRules.h"

@@ -17,7 +17,7 @@
 #include "DataLayer/NodePtr.h"
 #include "FreeSpaceChecker.h"
 #include "Handle.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "Processes.h"
 #include "ServiceHandle.h"
 #include "WorkerPeriod.h"

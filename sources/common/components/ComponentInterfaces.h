@@ -31,6 +31,7 @@ struct IComponentBase {
 };
 
 struct IComponentsModule : IComponentBase {
+  // cppcheck-suppress duplInheritedMember ; each interface names its own id, hiding its base's on purpose
   static constexpr GUID IID =
       WatchDog64::MakeGuid(0x989524A9, 0x625D, 0x48C8, 0xAB, 0x03, 0x7C, 0x08, 0x4E, 0xB5, 0x26, 0x5D);
   virtual HRESULT Initialize() = 0;
@@ -45,6 +46,7 @@ struct IComponentsModule : IComponentBase {
 };
 
 struct IVHConfigurable : IComponentBase {
+  // cppcheck-suppress duplInheritedMember ; each interface names its own id, hiding its base's on purpose
   static constexpr GUID IID =
       WatchDog64::MakeGuid(0x9FD0681A, 0xA35D, 0x48EF, 0xA2, 0x26, 0xDE, 0x38, 0x46, 0xE1, 0x9D, 0x38);
   // The node stays the caller's; the component works on a duplicate.
@@ -55,6 +57,7 @@ struct IVHConfigurable : IComponentBase {
 };
 
 struct IVHShutdownable : IComponentBase {
+  // cppcheck-suppress duplInheritedMember ; each interface names its own id, hiding its base's on purpose
   static constexpr GUID IID =
       WatchDog64::MakeGuid(0x45622F80, 0x2F68, 0x4571, 0xBC, 0xBC, 0x70, 0x65, 0x16, 0x01, 0x77, 0x1B);
   virtual HRESULT Shutdown() = 0;
@@ -64,6 +67,7 @@ struct IVHShutdownable : IComponentBase {
 };
 
 struct IVHRequestProcessor : IComponentBase {
+  // cppcheck-suppress duplInheritedMember ; each interface names its own id, hiding its base's on purpose
   static constexpr GUID IID =
       WatchDog64::MakeGuid(0xA3A15500, 0x301B, 0x4D78, 0xB4, 0x15, 0x14, 0xE2, 0xA6, 0x73, 0x99, 0xF3);
   // The request node's name selects the operation; the response handle, when
@@ -76,6 +80,7 @@ struct IVHRequestProcessor : IComponentBase {
 
 // Marker interfaces: they identify the kind of component.
 struct IVHWatchDog : IComponentBase {
+  // cppcheck-suppress duplInheritedMember ; each interface names its own id, hiding its base's on purpose
   static constexpr GUID IID =
       WatchDog64::MakeGuid(0x00F6F589, 0xFD87, 0x4A51, 0xAF, 0x5F, 0xAB, 0x94, 0xA1, 0x38, 0x35, 0xF2);
 
@@ -83,6 +88,7 @@ struct IVHWatchDog : IComponentBase {
   ~IVHWatchDog() = default;
 };
 struct IVHDiskManager : IComponentBase {
+  // cppcheck-suppress duplInheritedMember ; each interface names its own id, hiding its base's on purpose
   static constexpr GUID IID =
       WatchDog64::MakeGuid(0x49FA0DA5, 0xEB55, 0x41BD, 0xB4, 0xC7, 0xFD, 0x02, 0x5C, 0x21, 0xF7, 0xA7);
 
@@ -90,6 +96,7 @@ struct IVHDiskManager : IComponentBase {
   ~IVHDiskManager() = default;
 };
 struct IVHProcessManager : IComponentBase {
+  // cppcheck-suppress duplInheritedMember ; each interface names its own id, hiding its base's on purpose
   static constexpr GUID IID =
       WatchDog64::MakeGuid(0x895A4F36, 0xE53A, 0x4517, 0x91, 0x87, 0x9A, 0x0D, 0x2C, 0xC4, 0x8E, 0x67);
 
@@ -97,6 +104,7 @@ struct IVHProcessManager : IComponentBase {
   ~IVHProcessManager() = default;
 };
 struct IVHLogPacker : IComponentBase {
+  // cppcheck-suppress duplInheritedMember ; each interface names its own id, hiding its base's on purpose
   static constexpr GUID IID =
       WatchDog64::MakeGuid(0xABC15B57, 0x8CC6, 0x457F, 0xBF, 0x7D, 0xFF, 0xE9, 0x6D, 0xA2, 0x1C, 0x36);
 

@@ -1,35 +1,10 @@
 #include "components/ComponentsCommon.h"
 
-#include <cstdlib>
-
 #include "ErrorHandling.h"
 
-namespace {
-
-std::mutex g_lazyStaticsLock;
-std::atomic<CComponentsModule*> g_pModule{nullptr};
-alignas(CComponentsModule) unsigned char g_moduleStorage[sizeof(CComponentsModule)];
-
-void DestroyModule() {
-  CComponentsModule* module = g_pModule.exchange(nullptr);
-  if (module != nullptr) module->~CComponentsModule();
-}
-
-}  // namespace
-
-std::mutex& LazyStaticsLock() noexcept { return g_lazyStaticsLock; }
-
 CComponentsModule& GetComponentsModule() {
-  CComponentsModule* module = g_pModule.load();
-  if (module != nullptr) return *module;
-  std::lock_guard<std::mutex> lock(g_lazyStaticsLock);
-  module = g_pModule.load();
-  if (module == nullptr) {
-    module = new (g_moduleStorage) CComponentsModule();
-    std::atexit(DestroyModule);
-    g_pModule.store(module);
-  }
-  return *module;
+  static CComponentsModule s_module;
+  return s_module;
 }
 
 void RegisterComponentClass(const GUID& clsid, ComponentCreator creator) {
@@ -53,7 +28,7 @@ HRESULT CComponentsModule::CreateComponent(const GUID* clsid, const GUID* iid, v
   try {
     ComponentCreator creator;
     {
-      GlobalSettings::Detail::CCriticalSection::Lock lock(m_csRegistry);
+      const std::lock_guard lock(m_registryLock);
       const auto found = m_registry.find(*clsid);
       if (found != m_registry.end()) creator = found->second;
     }
@@ -68,7 +43,7 @@ HRESULT CComponentsModule::CreateComponent(const GUID* clsid, const GUID* iid, v
 }
 
 void CComponentsModule::RegisterComponentClass(const GUID& clsid, ComponentCreator creator) {
-  GlobalSettings::Detail::CCriticalSection::Lock lock(m_csRegistry);
+  const std::lock_guard lock(m_registryLock);
   m_registry[clsid] = std::move(creator);
 }
 

@@ -13,7 +13,6 @@
 
 #include "Assert.h"
 #include "components/ComponentInterfaces.h"
-#include "settings/CriticalSection.h"
 
 namespace Kestrel::Detail {
 constexpr wchar_t kComponentsSource[] = L"ComponentsCommon";
@@ -22,9 +21,6 @@ constexpr wchar_t kComponentsSource[] = L"ComponentsCommon";
 // Creates a component object for one class id: makes it, asks it for `iid`
 // and hands the interface out through `ppv`.
 using ComponentCreator = std::function<long(const GUID* iid, void** ppv)>;
-
-// The lock every lazily created process-wide object is built under.
-std::mutex& LazyStaticsLock() noexcept;
 
 // Interface lookup over the list I1..In, in that order, after IComponentBase.
 template <typename T, typename... Interfaces>
@@ -129,7 +125,7 @@ class CComponentsModule : public CComponentClassSingleton<CComponentsModule, ICo
   std::atomic<long> m_aModuleLocks{0};
   // Held through its scoped owner only: a copy or an insert under it may
   // throw, and the lock must go with the exception.
-  GlobalSettings::Detail::CCriticalSection m_csRegistry;
+  std::mutex m_registryLock;
   std::map<GUID, ComponentCreator, GuidLess> m_registry;
 };
 

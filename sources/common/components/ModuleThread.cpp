@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ErrorHandling.h"
+#include "Handle.h"
 #include "components/ComponentsCommon.h"
 #include "logger/Logger.h"
 
@@ -16,14 +17,14 @@ constexpr wchar_t kSource[] = L"ModuleThread";
 
 struct StartContext {
   std::function<void()> work;
-  HMODULE hModule = nullptr;
+  Library module;  // a reference on this library for the thread's life
 };
 
 DWORD WINAPI ThreadMain(void* parameter) {
   HMODULE module = nullptr;
   {
     std::unique_ptr<StartContext> context(static_cast<StartContext*>(parameter));
-    module = context->hModule;
+    module = context->module.Release();
     // A worker's failure must never end the host's process.
     try {
       context->work();
@@ -49,17 +50,16 @@ void CModuleThread::Start(std::function<void()> work) {
   auto context = std::make_unique<StartContext>();
   context->work = std::move(work);
   ThrowLastErrorIf(!::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&ThreadMain),
-                                         &context->hModule));
+                                         context->module.Put()));
   GetComponentsModule().Lock();
-  HANDLE thread = ::CreateThread(nullptr, 0, &ThreadMain, context.get(), 0, nullptr);
-  if (thread == nullptr) {
+  Handle thread(::CreateThread(nullptr, 0, &ThreadMain, context.get(), 0, nullptr));
+  if (!thread) {
     const DWORD error = ::GetLastError();
     GetComponentsModule().Unlock();
-    ::FreeLibrary(context->hModule);
-    ThrowWin32(error == 0 ? ERROR_NOT_ENOUGH_MEMORY : error);
+    ThrowWin32(error == 0 ? ERROR_NOT_ENOUGH_MEMORY : error);  // the context gives its reference back
   }
-  context.release();  // the thread owns it now
-  m_hThread.Reset(thread);
+  (void)context.release();  // the thread owns it now
+  m_hThread = std::move(thread);
 }
 
 void CModuleThread::Join() noexcept {

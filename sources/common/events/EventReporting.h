@@ -6,10 +6,10 @@
 
 #include <cstdint>
 #include <memory>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
-#include "events/Detail/SrwLock.h"
 #include "events/EventRecord.h"
 #include "events/EventWriter.h"
 
@@ -23,6 +23,8 @@ const CEventSource& GetEventSource();
 class CEventWriterList {
  public:
   CEventWriterList() = default;
+  // Built with the writers `fill` adds, before anyone else can see the list.
+  explicit CEventWriterList(void (*fill)(CEventWriterList&)) { fill(*this); }
   CEventWriterList(const CEventWriterList&) = delete;
   CEventWriterList& operator=(const CEventWriterList&) = delete;
 
@@ -33,7 +35,7 @@ class CEventWriterList {
   std::size_t Size();
 
  private:
-  Detail::CSrwLock m_lock;
+  std::shared_mutex m_lock;
   std::vector<std::shared_ptr<IEventWriter>> m_aWriters;
 };
 

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "Logger.h"
-#include "ModulePath.h"
+#include "platform/ModulePath.h"
 #include "detail/DebugOutput.h"
 #include "detail/FileLogger.h"
 #include "detail/LoggerCore.h"

@@ -1,27 +1,23 @@
 #include "Logger.h"
 
 #include <cwchar>
-#include <cwctype>
 
 #include "Assert.h"
-#include "ModulePath.h"
+#include "ErrorHandling.h"
 #include "detail/DebugOutput.h"
 #include "detail/LoggerCore.h"
 #include "platform/FileTrust.h"
-#include "settings/TickCount.h"
+#include "platform/ModulePath.h"
+#include "platform/TickCount.h"
+#include "rules/LogRules.h"
 
 namespace VHLogger {
 
 namespace {
 
-using GlobalSettings::Detail::CCriticalSection;
-
 constexpr unsigned kDefaultMaxSeverity = SEV_DBG;
-constexpr const wchar_t* kSeverityNames[] = {L"NONE", L"CRIT", L"ERR", L"WARN", L"INFO", L"DBG", L"DBG2", L"DBG3"};
 
 thread_local unsigned t_nScopeDepth = 0;
-
-std::atomic<CLogger*> g_pLogger{nullptr};
 
 bool IsVistaOrLater() noexcept {
   OSVERSIONINFOEXW version{};
@@ -34,20 +30,6 @@ bool IsVistaOrLater() noexcept {
   mask = ::VerSetConditionMask(mask, VER_MINORVERSION, VER_GREATER_EQUAL);
   mask = ::VerSetConditionMask(mask, VER_SERVICEPACKMAJOR, VER_GREATER_EQUAL);
   return ::VerifyVersionInfoW(&version, VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR, mask) != FALSE;
-}
-
-std::wstring Trimmed(const std::wstring& text) {
-  std::size_t begin = 0;
-  std::size_t end = text.size();
-  while (begin < end && std::iswspace(text[begin])) ++begin;
-  while (end > begin && std::iswspace(text[end - 1])) --end;
-  return text.substr(begin, end - begin);
-}
-
-bool IsRelativePath(const std::wstring& path) noexcept {
-  if (path.empty()) return true;
-  if (path[0] == L'\\' || path[0] == L'/') return false;
-  return !(path.size() > 1 && path[1] == L':');
 }
 
 }  // namespace
@@ -80,16 +62,12 @@ CLogger::~CLogger() {
 unsigned CLogger::ReadMaxSeverity() {
   std::wstring value;
   if (!m_config.section.Get(L"MaxSeverity", value)) return kDefaultMaxSeverity;
-  value = Trimmed(value);
-  for (unsigned severity = 0; severity < sizeof(kSeverityNames) / sizeof(kSeverityNames[0]); ++severity) {
-    if (_wcsicmp(value.c_str(), kSeverityNames[severity]) == 0) return severity;
-  }
-  return kDefaultMaxSeverity;
+  return Kestrel::Rules::SeverityFromName(value).value_or(kDefaultMaxSeverity);
 }
 
 void CLogger::RefreshConfiguration() noexcept {
   const DWORD last = m_config.nLastRefresh.load(std::memory_order_relaxed);
-  if (last != 0 && GlobalSettings::Detail::TickCount() - last <= kRefreshIntervalMs) return;
+  if (last != 0 && Kestrel::TickCount() - last <= kRefreshIntervalMs) return;
   try {
     m_config.section.Flush();
     m_config.nMaxSeverity.store(ReadMaxSeverity(), std::memory_order_relaxed);
@@ -97,7 +75,7 @@ void CLogger::RefreshConfiguration() noexcept {
     m_config.nMaxSeverity.store(kDefaultMaxSeverity, std::memory_order_relaxed);
   }
   m_config.bRefreshed.store(true);
-  m_config.nLastRefresh.store(GlobalSettings::Detail::TickCount(), std::memory_order_relaxed);
+  m_config.nLastRefresh.store(Kestrel::TickCount(), std::memory_order_relaxed);
 }
 
 bool CLogger::IsEnabled(unsigned severity) noexcept {
@@ -155,37 +133,13 @@ bool CLogger::RemoveLogWriter(Detail::ILogWriter* writer) noexcept {
 }
 
 std::wstring CLogger::ComputeLogDirectory() {
-  std::wstring directory;
   std::wstring configured;
-  if (m_config.section.Get(L"Path", configured)) {
-    std::wstring expanded(MAX_PATH, L'\0');
-    for (;;) {
-      const DWORD needed =
-          ::ExpandEnvironmentStringsW(configured.c_str(), expanded.data(), static_cast<DWORD>(expanded.size()));
-      if (needed == 0) {
-        expanded = configured;
-        break;
-      }
-      if (needed <= expanded.size()) {
-        expanded.resize(needed - 1);
-        break;
-      }
-      expanded.resize(needed);
-    }
-    for (wchar_t& c : expanded) {
-      if (c == L'/') c = L'\\';
-    }
-    if (expanded.empty() || (expanded.back() != L'\\' && expanded.back() != L'/')) expanded += L'\\';
-    directory = std::move(expanded);
-  } else {
-    directory = L"Logs\\";
-  }
-  if (IsRelativePath(directory)) directory = Kestrel::ModuleDirectory() + directory;
-  return directory;
+  const bool bConfigured = m_config.section.Get(L"Path", configured);
+  return Kestrel::Rules::LogFolder(bConfigured ? std::optional(configured) : std::nullopt, Kestrel::ModuleDirectory());
 }
 
 std::wstring CLogger::GetLogDirectory(bool* pbUsable) {
-  CCriticalSection::Lock lock(m_config.cs);
+  const std::lock_guard lock(m_config.cs);
   if (m_config.bRefreshed.load() || m_config.sLogDirectory.empty()) {
     std::wstring directory = ComputeLogDirectory();
     const bool bChanged = directory != m_config.sLogDirectory;
@@ -226,9 +180,7 @@ void CLogger::PrepareLogDirectory(bool bChanged) noexcept {
 // Free functions ------------------------------------------------------------
 
 CLogger& GetLogger() {
-  if (CLogger* logger = g_pLogger.load(std::memory_order_acquire)) return *logger;
   static CLogger s_logger;
-  g_pLogger.store(&s_logger, std::memory_order_release);
   return s_logger;
 }
 

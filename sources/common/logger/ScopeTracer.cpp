@@ -3,7 +3,7 @@
 
 #include "Logger.h"
 #include "detail/LoggerCore.h"
-#include "settings/TickCount.h"
+#include "platform/TickCount.h"
 
 namespace VHLogger {
 
@@ -36,12 +36,12 @@ CScopeTracer::CScopeTracer(int severity, int exceptionSeverity, std::wstring nam
   } catch (...) {
     // Tracing never disturbs the traced code.
   }
-  m_nStartTicks = GlobalSettings::Detail::TickCount();
+  m_nStartTicks = Kestrel::TickCount();
 }
 
 CScopeTracer::~CScopeTracer() {
   try {
-    const DWORD elapsed = GlobalSettings::Detail::TickCount() - m_nStartTicks;
+    const DWORD elapsed = Kestrel::TickCount() - m_nStartTicks;
     CLogger& logger = GetLogger();
     if (logger.VersionFlag()) Detail::ThreadScopeDepth() -= m_nDepthContribution;
     m_nDepthContribution = 0;

@@ -17,7 +17,8 @@ std::variant<Bound, BoundsError> ReadBound(const Int32Lookup& lookup, const Boun
   const std::optional<std::int32_t> mb = lookup(keys.mb);
   if (gb && mb) {
     return BoundsError{keys.mb,
-                       std::wstring(L"Both \"") + keys.gb + L"\" and \"" + keys.mb + L"\" are given; give one of them"};
+                       std::wstring(L"Both \"") + keys.gb + L"\" and \"" + keys.mb + L"\" are given; give one of them",
+                       true};
   }
   // Sign-extended first, so a negative setting stays negative.
   if (gb) return Bound{static_cast<std::int64_t>(*gb) * kGigabyte, keys.gb};

@@ -59,6 +59,7 @@ using Int32Lookup = std::function<std::optional<std::int32_t>(const wchar_t* key
 struct BoundsError {
   std::wstring key;  // the key at fault, as given (the GB key of a bound left at its default)
   std::wstring text;
+  bool bBothGiven = false;  // a bound given in GB and MB: the key's fault, not the order's
 };
 
 // The group's bounds from its keys, with the defaults for those it lacks, if

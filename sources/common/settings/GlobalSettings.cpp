@@ -1,14 +1,13 @@
 #include "GlobalSettings.h"
 
-#include <atomic>
 #include <cwchar>
 #include <cwctype>
 #include <mutex>
 #include <new>
 
 #include "ErrorHandling.h"
-#include "ModulePath.h"
-#include "TickCount.h"
+#include "platform/ModulePath.h"
+#include "platform/TickCount.h"
 
 namespace GlobalSettings {
 
@@ -166,32 +165,24 @@ HRESULT CIniFileGSProvider::GetString(const wchar_t* section, const wchar_t* key
 // Registry -----------------------------------------------------------------
 
 ProviderRegistry& ProviderRegistry::Instance() {
-  static std::atomic<ProviderRegistry*> s_pRegistry{nullptr};
-  static std::mutex s_creation;
-  ProviderRegistry* registry = s_pRegistry.load(std::memory_order_acquire);
-  if (registry != nullptr) return *registry;
-
-  std::lock_guard<std::mutex> lock(s_creation);
-  registry = s_pRegistry.load(std::memory_order_relaxed);
-  if (registry == nullptr) {
-    // The registry is never destroyed: code that runs during process exit
-    // may still read settings after the providers are gone, and then
-    // simply finds nothing.
-    registry = new ProviderRegistry();
+  // Never destroyed: code that runs during process exit may still read
+  // settings after the providers are gone, and then simply finds nothing.
+  static ProviderRegistry* const s_pRegistry = [] {
+    auto* registry = new ProviderRegistry();
     static AutoRegGSProvider<CIniFileGSProvider> s_iniProvider(*registry);
     static AutoRegGSProvider<CEnvVarGSProvider> s_envProvider(*registry);
-    s_pRegistry.store(registry, std::memory_order_release);
-  }
-  return *registry;
+    return registry;
+  }();
+  return *s_pRegistry;
 }
 
 void ProviderRegistry::Register(IGSProvider* provider) {
-  CCriticalSection::Lock lock(m_cs);
+  const std::lock_guard lock(m_cs);
   AppendOrThrow([&] { m_aProviders.push_back(provider); });
 }
 
 void ProviderRegistry::Unregister(IGSProvider* provider) noexcept {
-  CCriticalSection::Lock lock(m_cs);
+  const std::lock_guard lock(m_cs);
   for (std::size_t i = m_aProviders.size(); i-- > 0;) {
     if (m_aProviders[i] == provider) m_aProviders.erase(m_aProviders.begin() + static_cast<std::ptrdiff_t>(i));
   }
@@ -199,7 +190,7 @@ void ProviderRegistry::Unregister(IGSProvider* provider) noexcept {
 
 template <typename Ask>
 HRESULT ProviderRegistry::Walk(Ask&& ask) {
-  CCriticalSection::Lock lock(m_cs);
+  const std::lock_guard lock(m_cs);
   for (std::size_t i = m_aProviders.size(); i-- > 0;) {
     if (i >= m_aProviders.size()) Kestrel::ThrowHr(kHrInvalidArg);
     const HRESULT hr = ask(*m_aProviders[i]);
@@ -234,30 +225,30 @@ void SettingsSection::FlushLocked() noexcept {
   m_mapStrings.clear();
   m_mapNumbers.clear();
   m_setAbsent.clear();
-  m_nLastFlush = TickCount();
+  m_nLastFlush = Kestrel::TickCount();
   ++m_nGeneration;
 }
 
 void SettingsSection::Flush() noexcept {
-  CCriticalSection::Lock lock(m_cs);
+  const std::lock_guard lock(m_cs);
   FlushLocked();
 }
 
 DWORD SettingsSection::Generation() noexcept {
-  CCriticalSection::Lock lock(m_cs);
+  const std::lock_guard lock(m_cs);
   return m_nGeneration;
 }
 
 void SettingsSection::ExpireLocked() noexcept {
   if (m_nRefreshInterval == 0) return;
-  if (m_nLastFlush == 0 || TickCount() - m_nLastFlush > m_nRefreshInterval) FlushLocked();
+  if (m_nLastFlush == 0 || Kestrel::TickCount() - m_nLastFlush > m_nRefreshInterval) FlushLocked();
 }
 
 template <typename Map, typename Value, typename Ask>
 bool SettingsSection::CachedGet(const wchar_t* key, Value& value, Map* cache, Ask&& ask) {
   const std::wstring_view keyView = key != nullptr ? key : L"";
   if (cache != nullptr) {
-    CCriticalSection::Lock lock(m_cs);
+    const std::lock_guard lock(m_cs);
     ExpireLocked();
     if (const auto found = cache->find(keyView); found != cache->end()) {
       value = found->second;
@@ -272,7 +263,7 @@ bool SettingsSection::CachedGet(const wchar_t* key, Value& value, Map* cache, As
   const bool found = SUCCEEDED(ask(answer));
 
   if (cache != nullptr) {
-    CCriticalSection::Lock lock(m_cs);
+    const std::lock_guard lock(m_cs);
     if (found) {
       (*cache)[std::wstring(keyView)] = answer;
     } else {

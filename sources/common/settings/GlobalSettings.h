@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -12,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include "CriticalSection.h"
 
 namespace GlobalSettings {
 
@@ -95,7 +95,8 @@ class ProviderRegistry {
   template <typename Ask>
   HRESULT Walk(Ask&& ask);
 
-  CCriticalSection m_cs;
+  // Providers are asked under it, and one may read settings again.
+  std::recursive_mutex m_cs;
   std::vector<IGSProvider*> m_aProviders;
 };
 
@@ -153,7 +154,7 @@ class SettingsSection {
 
   std::wstring m_sName;
   DWORD m_nRefreshInterval;
-  CCriticalSection m_cs;
+  std::mutex m_cs;
   DWORD m_nGeneration = 0;
   DWORD m_nLastFlush = 0;
   StringMap m_mapStrings;

@@ -1,10 +1,7 @@
 #pragma once
-// A process-wide object made on first use. The once-flag makes concurrent
-// first calls wait for the one construction instead of racing it; the object
-// lives until the library is unloaded.
-
-#include <memory>
-#include <mutex>
+// A process-wide object made on first use, as a function-local static:
+// concurrent first calls wait for the one construction, and the object lives
+// until the library is unloaded.
 
 namespace Kestrel {
 
@@ -14,13 +11,9 @@ class CLazySingleton {
   CLazySingleton() = delete;
 
   static T& Instance() {
-    std::call_once(s_onceFlag, [] { s_pInstance.reset(new T()); });
-    return *s_pInstance;
+    static T s_instance;
+    return s_instance;
   }
-
- private:
-  static inline std::once_flag s_onceFlag;
-  static inline std::unique_ptr<T> s_pInstance;
 };
 
 }  // namespace Kestrel

@@ -4,21 +4,11 @@
 
 #include "ErrorHandling.h"
 #include "Handle.h"
+#include "rules/Paths.h"
 
 namespace Kestrel {
 
 namespace {
-
-// The expansion grows past MAX_PATH rather than losing the tail of a path.
-std::wstring Expand(const wchar_t* text) {
-  std::vector<wchar_t> buffer(MAX_PATH);
-  for (;;) {
-    const DWORD length = ::ExpandEnvironmentStringsW(text, buffer.data(), static_cast<DWORD>(buffer.size()));
-    if (length == 0) ThrowLastError();
-    if (length <= buffer.size()) return std::wstring(buffer.data());
-    buffer.resize(length);
-  }
-}
 
 Handle OpenForFacts(const CPath& path) {
   Handle file(::CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
@@ -35,8 +25,8 @@ std::uint64_t ToUInt64(const FILETIME& time) {
 
 void ThrowIfFailedHr(HRESULT hr) { ThrowIfFailed(hr); }
 
-CPath::CPath(const std::wstring& text) : m_sPath(Expand(text.c_str())) {}
-CPath::CPath(const wchar_t* text) : m_sPath(Expand(text)) {}
+CPath::CPath(const std::wstring& text) : m_sPath(Rules::ExpandEnvironment(text)) {}
+CPath::CPath(const wchar_t* text) : m_sPath(Rules::ExpandEnvironment(text)) {}
 
 std::uint64_t GetFileSize(const CPath& path) {
   Handle file = OpenForFacts(path);

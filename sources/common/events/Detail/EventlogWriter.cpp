@@ -5,7 +5,6 @@
 #include <shared_mutex>
 
 #include "events/Detail/ErrorText.h"
-#include "events/Detail/SrwLock.h"
 #include "logger/Logger.h"
 
 namespace EventReporting::Detail {
@@ -27,11 +26,11 @@ CScopedEventLogApi::~CScopedEventLogApi() { g_pEventLogApi.store(m_pPrevious); }
 
 std::shared_ptr<const EventSourceHandle> CEventlogWriter::AcquireSource(const std::wstring& sourceName) {
   {
-    std::shared_lock<CSrwLock> lock(m_lock);
+    std::shared_lock lock(m_lock);
     const auto found = m_mapSources.find(sourceName);
     if (found != m_mapSources.end()) return found->second;
   }
-  std::unique_lock<CSrwLock> lock(m_lock);
+  std::unique_lock lock(m_lock);
   // Another thread may have registered the name between the two locks.
   const auto found = m_mapSources.find(sourceName);
   if (found != m_mapSources.end()) return found->second;

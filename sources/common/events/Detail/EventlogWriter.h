@@ -6,10 +6,10 @@
 
 #include <map>
 #include <memory>
+#include <shared_mutex>
 #include <string>
 
 #include "UniqueResource.h"
-#include "events/Detail/SrwLock.h"
 #include "events/EventWriter.h"
 
 namespace EventReporting::Detail {
@@ -62,7 +62,7 @@ class CEventlogWriter : public IEventWriter {
   std::shared_ptr<const EventSourceHandle> AcquireSource(const std::wstring& sourceName);
 
  private:
-  CSrwLock m_lock;
+  std::shared_mutex m_lock;
   std::map<std::wstring, std::shared_ptr<const EventSourceHandle>> m_mapSources;
 };
 

@@ -5,9 +5,10 @@
 #include <mutex>
 #include <shared_mutex>
 
-#include "ModulePath.h"
 #include "events/Detail/ErrorText.h"
 #include "logger/Logger.h"
+#include "platform/ModulePath.h"
+#include "rules/Paths.h"
 
 namespace EventReporting::Detail {
 
@@ -25,12 +26,6 @@ void ReportRefusedFile(const std::wstring& path, const std::wstring& reason) noe
   }
 }
 
-bool IsRelativePath(const std::wstring& path) noexcept {
-  if (path.empty()) return true;
-  if (path[0] == L'\\' || path[0] == L'/') return false;
-  return path.size() < 2 || path[1] != L':';
-}
-
 }  // namespace
 
 CFileLogEventWriter::CFileLogEventWriter(std::wstring fileName)
@@ -38,16 +33,15 @@ CFileLogEventWriter::CFileLogEventWriter(std::wstring fileName)
 
 std::shared_ptr<const MessageModule> CFileLogEventWriter::AcquireMessageFile(const CEventSource& source) {
   {
-    std::shared_lock<CSrwLock> lock(m_lock);
+    std::shared_lock lock(m_lock);
     const auto found = m_mapMessageFiles.find(source.sName);
     if (found != m_mapMessageFiles.end()) return found->second;
   }
-  std::unique_lock<CSrwLock> lock(m_lock);
+  std::unique_lock lock(m_lock);
   const auto found = m_mapMessageFiles.find(source.sName);
   if (found != m_mapMessageFiles.end()) return found->second;
 
-  std::wstring path = source.sMessageFile;
-  if (IsRelativePath(path)) path = Kestrel::ModuleDirectory() + path;
+  const std::wstring path = Kestrel::Rules::AnchoredAt(source.sMessageFile, Kestrel::ModuleDirectory());
   // Only the message table is read: no code of the file runs.
   MessageModule module(
       ::LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
@@ -77,20 +71,17 @@ std::wstring CFileLogEventWriter::FormatMessageText(HMODULE messageFile, DWORD m
     array.assign(std::max(arguments.size(), kMinArguments), 0);
     for (std::size_t i = 0; i < arguments.size(); ++i) array[i] = reinterpret_cast<DWORD_PTR>(arguments[i]);
   }
-  wchar_t* buffer = nullptr;
+  LocalMemory buffer;
   const DWORD length =
       ::FormatMessageW(flags, messageFile, messageId, MAKELANGID(LANG_NEUTRAL, SUBLANG_NEUTRAL),
-                       reinterpret_cast<wchar_t*>(&buffer), 0,
+                       reinterpret_cast<wchar_t*>(buffer.Put()), 0,
                        array.empty() ? nullptr : reinterpret_cast<va_list*>(array.data()));
   if (length == 0) {
     const DWORD error = ::GetLastError();
-    if (buffer != nullptr) ::LocalFree(buffer);
     VH_LOG(VHLogger::SEV_ERR, kSource, L"FormatMessageW" << L" failed: " << ErrorText(error));
     return {};
   }
-  std::wstring text(buffer, length);
-  ::LocalFree(buffer);
-  return text;
+  return std::wstring(static_cast<const wchar_t*>(buffer.Get()), length);
 }
 
 std::wstring CFileLogEventWriter::FallbackText(const std::vector<const wchar_t*>& arguments) {

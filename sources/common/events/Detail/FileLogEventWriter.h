@@ -8,25 +8,17 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
-#include "UniqueResource.h"
-#include "events/Detail/SrwLock.h"
+#include "Handle.h"
 #include "events/EventWriter.h"
 #include "logger/detail/FileLogger.h"
 
 namespace EventReporting::Detail {
 
-struct MessageModuleTraits {
-  using pointer = HMODULE;
-  static pointer Invalid() noexcept { return nullptr; }
-  static bool IsValid(pointer value) noexcept { return value != nullptr; }
-  static bool Close(pointer value) noexcept { return ::FreeLibrary(value) != FALSE; }
-  static const wchar_t* Source() noexcept { return L"FileLogEventWriter"; }
-};
-
-using MessageModule = Kestrel::UniqueResource<MessageModuleTraits>;
+using MessageModule = ::Library;
 
 class CFileLogEventWriter : public IEventWriter {
  public:
@@ -59,7 +51,7 @@ class CFileLogEventWriter : public IEventWriter {
   static const wchar_t* TypeName(std::uint16_t type) noexcept;
 
  private:
-  CSrwLock m_lock;
+  std::shared_mutex m_lock;
   VHLogger::Detail::CFileLogger m_fileLogger;
   std::map<std::wstring, std::shared_ptr<const MessageModule>> m_mapMessageFiles;
 };

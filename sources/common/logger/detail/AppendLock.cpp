@@ -21,14 +21,10 @@ CAppendLock::CAppendLock(DWORD volumeSerial, DWORD fileIndexHigh, DWORD fileInde
   wchar_t name[64];
   std::swprintf(name, 64, L"Local\\WD64.LogAppend.%08X.%08X.%08X", static_cast<unsigned>(volumeSerial),
                 static_cast<unsigned>(fileIndexHigh), static_cast<unsigned>(fileIndexLow));
-  m_hMapping = ::CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(LONG64), name);
-  if (m_hMapping == nullptr) return;
-  m_pOwner = static_cast<volatile LONG64*>(::MapViewOfFile(m_hMapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(LONG64)));
-}
-
-CAppendLock::~CAppendLock() {
-  if (m_pOwner != nullptr) ::UnmapViewOfFile(const_cast<LONG64*>(m_pOwner));
-  if (m_hMapping != nullptr) ::CloseHandle(m_hMapping);
+  m_mapping.Reset(::CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(LONG64), name));
+  if (!m_mapping) return;
+  m_view.Reset(::MapViewOfFile(m_mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, sizeof(LONG64)));
+  m_pOwner = static_cast<volatile LONG64*>(m_view.Get());
 }
 
 LONG64 CAppendLock::Acquire() noexcept {
@@ -65,14 +61,14 @@ void CAppendLock::Release(LONG64 owner) noexcept {
 
 CAppendLock::Hold::Hold(CAppendLock* lock) noexcept : m_pLock(lock), m_nOwner(0) {
   if (m_pLock == nullptr) return;
-  m_pLock->m_cs.Enter();
+  m_pLock->m_threads.lock();
   m_nOwner = m_pLock->Acquire();
 }
 
 CAppendLock::Hold::~Hold() {
   if (m_pLock == nullptr) return;
   m_pLock->Release(m_nOwner);
-  m_pLock->m_cs.Leave();
+  m_pLock->m_threads.unlock();
 }
 
 }  // namespace VHLogger::Detail

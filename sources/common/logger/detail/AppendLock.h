@@ -15,7 +15,9 @@
 
 #include <windows.h>
 
-#include "settings/CriticalSection.h"
+#include <mutex>
+
+#include "Handle.h"
 
 namespace VHLogger::Detail {
 
@@ -31,7 +33,6 @@ class CAppendLock {
   // path spelling of one file shares one lock. Without the shared memory the
   // lock is a no-op and writes go unguarded.
   CAppendLock(DWORD volumeSerial, DWORD fileIndexHigh, DWORD fileIndexLow);
-  ~CAppendLock();
   CAppendLock(const CAppendLock&) = delete;
   CAppendLock& operator=(const CAppendLock&) = delete;
 
@@ -58,8 +59,9 @@ class CAppendLock {
   DWORD m_nVolumeSerial;
   DWORD m_nFileIndexHigh;
   DWORD m_nFileIndexLow;
-  GlobalSettings::Detail::CCriticalSection m_cs;
-  HANDLE m_hMapping = nullptr;
+  std::mutex m_threads;
+  Handle m_mapping;
+  MappedView m_view;
   volatile LONG64* m_pOwner = nullptr;
 };
 

@@ -2,10 +2,11 @@
 
 #include <cwchar>
 
+#include "rules/LogRules.h"
+
 namespace VHLogger::Detail {
 
 namespace {
-constexpr const wchar_t* kTags[] = {L"NONE", L"CRIT", L"ERR", L"WARN", L"INFO", L"DBG", L"DBG2", L"DBG3"};
 constexpr int kSourceColumns = 26;
 constexpr int kMaxDepth = 30;
 // One call writes one line: a line break or other control character inside
@@ -37,10 +38,6 @@ void AppendEscaped(std::wstring& line, std::wstring_view message) {
 
 }  // namespace
 
-const wchar_t* SeverityTag(unsigned severity) noexcept {
-  return severity < sizeof(kTags) / sizeof(kTags[0]) ? kTags[severity] : L"";
-}
-
 void DetailedFormatter::Format(std::wstring& line, unsigned severity, const wchar_t* source, unsigned lineNumber,
                                std::wstring_view message, int depth, const SYSTEMTIME* time) const {
   SYSTEMTIME now;
@@ -68,7 +65,7 @@ void DetailedFormatter::FormatLine(std::wstring& line, unsigned severity, const 
   int length = std::swprintf(
       head, sizeof(head) / sizeof(head[0]), L"%04u-%02u-%02u %02u:%02u:%02u.%03u | %-4.4ls |%5u %5u | %.*ls:%-*u| %*ls",
       time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds,
-      SeverityTag(severity), static_cast<unsigned>(processId & 0xFFFF), static_cast<unsigned>(threadId & 0xFFFF),
+      Kestrel::Rules::SeverityName(severity), static_cast<unsigned>(processId & 0xFFFF), static_cast<unsigned>(threadId & 0xFFFF),
       kSourceColumns, name, numberWidth, lineNumber, indent, L"");
   if (length < 0) length = 0;
 

@@ -20,7 +20,4 @@ class DetailedFormatter : public IFormatter {
                          std::wstring_view message, int depth, const SYSTEMTIME& time, DWORD processId, DWORD threadId);
 };
 
-// "NONE" .. "DBG3" for 0 to 7, the empty string from 8 on.
-const wchar_t* SeverityTag(unsigned severity) noexcept;
-
 }  // namespace VHLogger::Detail

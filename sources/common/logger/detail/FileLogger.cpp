@@ -8,13 +8,11 @@
 #include "DebugOutput.h"
 #include "ErrorHandling.h"
 #include "LoggerCore.h"
-#include "settings/TickCount.h"
+#include "platform/TickCount.h"
 
 namespace VHLogger::Detail {
 
 namespace {
-
-using GlobalSettings::Detail::CCriticalSection;
 
 constexpr std::uint32_t kDefaultKeepOpenMs = 5000;
 constexpr HRESULT kHrSharingViolation = static_cast<HRESULT>(0x80070020);
@@ -23,9 +21,7 @@ constexpr DWORD kOpenRetryPauseMs = 10;
 // Opening the folder costs more than opening the file in it (its final path
 // is asked of the system), so it is reused this long.
 constexpr DWORD kFolderReuseMs = 5000;
-
-using CreateFileTransactedFn = HANDLE(WINAPI*)(LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE,
-                                               HANDLE, PUSHORT, PVOID);
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 HRESULT LastErrorResult() noexcept {
   const DWORD error = ::GetLastError();
@@ -87,71 +83,37 @@ Handle CFileLogger::ObtainHandle(std::shared_ptr<CAppendLock>& appendLock) noexc
     keepOpen = kDefaultKeepOpenMs;
   }
 
-  CCriticalSection::Lock lock(m_cs);
+  const std::lock_guard lock(m_cs);
   if (keepOpen == 0) {
     // Every line opens and closes the file; no handle stays between lines.
-    m_pKept.reset();
-    CHandleHolder holder;
-    Open(holder);
-    appendLock = holder.pAppendLock;
-    return std::move(holder.file);
+    m_kept.Reset();
+    Handle file = Open();
+    appendLock = m_pAppendLock;
+    return file;
   }
 
-  const DWORD now = GlobalSettings::Detail::TickCount();
+  const DWORD now = Kestrel::TickCount();
   if (m_nLastOpen == 0 || now - m_nLastOpen >= keepOpen) {
     m_nLastOpen = now;
-    m_pKept.reset();
-    try {
-      auto fresh = std::make_shared<CHandleHolder>();
-      Open(*fresh);
-      if (fresh->file) m_pKept = std::move(fresh);
-    } catch (...) {
-      // Without memory for the holder the line is dropped.
-    }
+    m_kept.Reset();
+    m_kept = Open();
   }
-  if (!m_pKept) return {};
+  if (!m_kept) return {};
 
-  // Duplicated inside the critical section: a line written after a reopen
-  // then always goes to the file the reopen chose, never to the one it
-  // replaced.
+  // Duplicated under the lock: a line written after a reopen then always
+  // goes to the file the reopen chose, never to the one it replaced.
   Handle duplicate;
   const HANDLE process = ::GetCurrentProcess();
-  if (!::DuplicateHandle(process, m_pKept->file.Get(), process, duplicate.Put(), 0, FALSE, DUPLICATE_SAME_ACCESS)) {
+  if (!::DuplicateHandle(process, m_kept.Get(), process, duplicate.Put(), 0, FALSE, DUPLICATE_SAME_ACCESS)) {
     DebugOutput(L"FileLogger: cannot duplicate handle (error: 0x%08x)", AsUnsigned(LastErrorResult()));
     return {};
   }
-  appendLock = m_pKept->pAppendLock;
+  appendLock = m_pAppendLock;
   return duplicate;
 }
 
-Kestrel::PlainFile CFileLogger::OpenForAppend(const Kestrel::CFolder& folder, const std::wstring& name,
-                                              const CTransactionDescriptor* transaction) {
-  constexpr DWORD kAccess = FILE_APPEND_DATA;
-  constexpr DWORD kShare = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  if (transaction == nullptr || (transaction->hTransaction == nullptr && transaction->bAllowPlainOpen)) {
-    return Kestrel::OpenPlainFile(folder, name, kAccess, kShare, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
-  }
-  Kestrel::PlainFile result;
-  result.error = ERROR_INVALID_PARAMETER;
-  if (transaction->hTransaction == nullptr) return result;
-  const auto createTransacted = reinterpret_cast<CreateFileTransactedFn>(
-      reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "CreateFileTransactedW")));
-  result.error = ERROR_PROC_NOT_FOUND;
-  if (createTransacted == nullptr) return result;
-  // Held to the same rule as a plain open: the handle must be a plain file of
-  // the folder, checked before anything is written.
-  result.file.Reset(createTransacted(folder.Join(name).c_str(), kAccess | FILE_READ_ATTRIBUTES, kShare, nullptr,
-                                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr,
-                                     transaction->hTransaction, nullptr, nullptr));
-  result.error = result.file ? ERROR_SUCCESS : ::GetLastError();
-  if (!result.file) return result;
-  result.refusal = Kestrel::ExamineEntry(folder, name, result.file.Get());
-  if (result.refusal != Kestrel::EntryRefusal::kNone) result.file.Reset();
-  return result;
-}
-
 const Kestrel::CFolder& CFileLogger::Folder(const std::wstring& folderPath) {
-  const DWORD now = GlobalSettings::Detail::TickCount();
+  const DWORD now = Kestrel::TickCount();
   if (!m_pFolder || m_sFolderPath != folderPath || now - m_nFolderOpened >= kFolderReuseMs) {
     m_pFolder.reset();
     m_pFolder = std::make_unique<Kestrel::CFolder>(folderPath);
@@ -161,7 +123,7 @@ const Kestrel::CFolder& CFileLogger::Folder(const std::wstring& folderPath) {
   return *m_pFolder;
 }
 
-void CFileLogger::Open(CHandleHolder& holder) noexcept {
+Handle CFileLogger::Open() noexcept {
   std::wstring folderPath;
   std::wstring name = m_sFileName;
   std::wstring path;
@@ -177,7 +139,7 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
       bool bUsable = true;
       folderPath = logger.GetLogDirectory(&bUsable);
       // A refused folder was reported where it was refused.
-      if (!bUsable) return;
+      if (!bUsable) return {};
       path = folderPath + name;
     }
     logger.RefreshConfiguration();
@@ -185,7 +147,7 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
   } catch (...) {
     if (path.empty()) {
       DebugOutput(L"FileLogger: cannot open log file '%ls' (error: 0x%08x)", m_sFileName.c_str(), AsUnsigned(E_FAIL));
-      return;
+      return {};
     }
   }
 
@@ -194,7 +156,7 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
   try {
     const Kestrel::CFolder& folder = Folder(folderPath);
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-      opened = OpenForAppend(folder, name, holder.pTransaction);
+      opened = Kestrel::OpenPlainFile(folder, name, FILE_APPEND_DATA, kShareAll, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
       hr = Kestrel::HResultFromWin32(opened.error);
       if (hr == S_OK) break;
       if (hr != kHrSharingViolation) break;
@@ -218,7 +180,7 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
       } catch (...) {
       }
     }
-    return;
+    return {};
   }
 
   if (opened) {
@@ -240,7 +202,7 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
                       static_cast<int>(sizeMb), static_cast<int>(thresholdMb));
           m_bTooBig = true;
         }
-        return;
+        return {};
       }
       m_bTooBig = false;
     }
@@ -263,7 +225,6 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
         m_pAppendLock.reset();
       }
     }
-    holder.pAppendLock = m_pAppendLock;
 
     // The banner opens every file this logger starts to use: a new one, or
     // one that replaced a file moved or deleted meanwhile.
@@ -277,12 +238,12 @@ void CFileLogger::Open(CHandleHolder& holder) noexcept {
         DebugOutput(L"FileLogger: cannot write (error: 0x%08x)", AsUnsigned(LastErrorResult()));
       }
     }
-    holder.file = std::move(opened.file);
   }
 
   if (FAILED(hr)) {
     DebugOutput(L"FileLogger: cannot open log file '%ls' (error: 0x%08x)", path.c_str(), AsUnsigned(hr));
   }
+  return std::move(opened.file);
 }
 
 }  // namespace VHLogger::Detail

@@ -17,21 +17,14 @@
 
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "Handle.h"
 #include "LogInterfaces.h"
 #include "platform/PlainFile.h"
-#include "settings/CriticalSection.h"
 
 namespace VHLogger::Detail {
-
-// Lets an open go through a kernel transaction. The module's own loggers
-// never carry one.
-struct CTransactionDescriptor {
-  HANDLE hTransaction = nullptr;
-  bool bAllowPlainOpen = false;
-};
 
 class CAppendLock;
 
@@ -59,29 +52,23 @@ class CFileLogger : public ILogWriter {
   std::wstring FilePath() const;
 
  private:
-  struct CHandleHolder {
-    Handle file;
-    CTransactionDescriptor* pTransaction = nullptr;
-    std::shared_ptr<CAppendLock> pAppendLock;
-  };
-
   // A handle for the caller alone (empty when none), and the append lock of
   // its file.
   Handle ObtainHandle(std::shared_ptr<CAppendLock>& appendLock) noexcept;
-  void Open(CHandleHolder& holder) noexcept;
+  // The file opened for appending, or none; sets the append lock of its file.
+  Handle Open() noexcept;
   const Kestrel::CFolder& Folder(const std::wstring& folderPath);
-  static Kestrel::PlainFile OpenForAppend(const Kestrel::CFolder& folder, const std::wstring& name,
-                                          const CTransactionDescriptor* transaction);
 
   DWORD m_nLastOpen = 0;
   std::wstring m_sBanner;
   std::wstring m_sFileName;
   bool m_bNameIsPath;
   RefusalReporter m_pReportRefusal;
-  GlobalSettings::Detail::CCriticalSection m_cs;
-  // The kept handle; writers take duplicates of it inside the critical
-  // section, so a replaced one is closed at once.
-  std::shared_ptr<CHandleHolder> m_pKept;
+  // Opening may write a log line of its own, which comes back here.
+  std::recursive_mutex m_cs;
+  // The kept handle; writers take duplicates of it under the lock, so a
+  // replaced one is closed at once.
+  Handle m_kept;
   DWORD m_nFileIndexLow = 0;
   DWORD m_nFileIndexHigh = 0;
   DWORD m_nVolumeSerial = 0;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -65,7 +66,9 @@ class CLogger {
     GlobalSettings::Detail::SettingsSection section{L"Logger", 0};
     std::atomic<std::uint32_t> nReserved{0};
     std::atomic<unsigned> nMaxSeverity{0};
-    GlobalSettings::Detail::CCriticalSection cs;
+    // Preparing the folder may write a log line, which asks for the folder
+    // again on the same thread.
+    std::recursive_mutex cs;
     std::wstring sLogDirectory;
     bool bDirectoryRefused = false;
     std::atomic<bool> bRefreshed{false};
