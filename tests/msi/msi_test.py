@@ -99,7 +99,8 @@ def msiexec(*args):
 
 
 def failed_actions(log):
-    return re.findall(r"Action ended [0-9:]+: (\w+)\. Return value [03]", log.read_bytes().decode("utf-8", "replace"))
+    """Actions that ended with 3 (failed); 0 only marks one Wine's installer does not implement."""
+    return re.findall(r"Action ended [0-9:]+: (\w+)\. Return value 3", log.read_bytes().decode("utf-8", "replace"))
 
 
 def host_process_alive():
