@@ -34,7 +34,10 @@ EVENTLOG_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\EventLog"
 SERVICE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\WatchDog64"
 SETTINGS_KEY = r"HKLM\SOFTWARE\WatchDog64"
 UNINSTALL_KEY = r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall"
-ENV = dict(os.environ, LC_ALL="C.UTF-8", LANG="C.UTF-8", WINEDEBUG="-all")
+# WD64_MSI_TRACE (e.g. "+timestamp,+pid,+service,+msi") traces every Wine
+# process of the prefix, the service manager's included, into trace.log.
+TRACE = os.environ.get("WD64_MSI_TRACE")
+ENV = dict(os.environ, LC_ALL="C.UTF-8", LANG="C.UTF-8", WINEDEBUG=TRACE or "-all")
 
 failures = []
 
@@ -50,11 +53,16 @@ def wine_command(*args):
     return [str(SOURCE / "scripts/wine-run.sh"), str(PREFIX), *map(str, args)]
 
 
+def trace_file():
+    return open(WORK / "trace.log" if TRACE else os.devnull, "ab")
+
+
 def wine(*args, check_rc=True):
-    result = subprocess.run(wine_command(*args), env=ENV, capture_output=True, timeout=300)
+    with trace_file() as errors:
+        result = subprocess.run(wine_command(*args), env=ENV, stdout=subprocess.PIPE, stderr=errors, timeout=300)
     out = result.stdout.decode("utf-8", "replace")
     if check_rc and result.returncode != 0:
-        raise SystemExit(f"{args} failed with {result.returncode}: {out}{result.stderr.decode('utf-8', 'replace')}")
+        raise SystemExit(f"{args} failed with {result.returncode}: {out}")
     return result.returncode, out
 
 
@@ -91,7 +99,8 @@ def msiexec(*args):
 
 
 def failed_actions(log):
-    return re.findall(r"Action ended [0-9:]+: (\w+)\. Return value [03]", log.read_bytes().decode("utf-8", "replace"))
+    """Actions that ended with 3 (failed); 0 only marks one Wine's installer does not implement."""
+    return re.findall(r"Action ended [0-9:]+: (\w+)\. Return value 3", log.read_bytes().decode("utf-8", "replace"))
 
 
 def host_process_alive():
@@ -373,8 +382,9 @@ def main():
     forget_registry()
     wine("reg", "add", rf"{EVENTLOG_KEY}\Kestrel Overwatch\Neighbour", "/v", "EventMessageFile", "/d", "x.dll", "/f")
     held = linux_path(default_dir) / "THIRD-PARTY-NOTICES.txt"
-    holder = subprocess.Popen(wine_command(BUILD / "bin/test_helper.exe", "hold",
-                                           default_dir + "THIRD-PARTY-NOTICES.txt", "15000"), env=ENV)
+    with trace_file() as errors:
+        holder = subprocess.Popen(wine_command(BUILD / "bin/test_helper.exe", "hold",
+                                               default_dir + "THIRD-PARTY-NOTICES.txt", "15000"), env=ENV, stderr=errors)
     time.sleep(2)  # lets the holder open the file; the checks hold either way
     kept = [p for p in logs.rglob("*") if p.is_file()] + [config_file]
     check((rc := msiexec("/x", new, "/qn")) in (SUCCESS, REBOOT_REQUIRED), f"msiexec /x with a held file: {rc}")
@@ -424,7 +434,9 @@ def main():
     draw = int(os.environ.get("WD64_MSI_DRAW", random.randrange(1 << 30)))
     delay = random.Random(draw).uniform(0.2, 4.0)
     print(f"== install killed after {delay:.2f} s (WD64_MSI_DRAW={draw})", flush=True)
-    victim = subprocess.Popen(wine_command("msiexec", "/i", new, "/qn"), env=ENV, start_new_session=True)
+    with trace_file() as errors:
+        victim = subprocess.Popen(wine_command("msiexec", "/i", new, "/qn"), env=ENV, stderr=errors,
+                                  start_new_session=True)
     time.sleep(delay)
     os.killpg(victim.pid, signal.SIGKILL)
     victim.wait()
@@ -438,8 +450,9 @@ def main():
     print("== two installs at once", flush=True)
     forget_registry()
     logs = [next_log() for _ in range(2)]
-    pair = [subprocess.Popen(wine_command("msiexec", "/i", new, "/qn", "/l*v", windows_path(log)), env=ENV)
-            for log in logs]
+    with trace_file() as errors:
+        pair = [subprocess.Popen(wine_command("msiexec", "/i", new, "/qn", "/l*v", windows_path(log)), env=ENV,
+                                 stderr=errors) for log in logs]
     codes = [p.wait(timeout=300) for p in pair]
     # Windows Installer runs one install at a time and turns the other away;
     # Wine's runs both, and the later one may find a file of the service the
