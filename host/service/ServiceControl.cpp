@@ -47,6 +47,9 @@ struct StopOutcome {
 // names it.
 StopOutcome StopAndWait(SC_HANDLE service, DWORD timeoutMs) {
   StopOutcome outcome;
+  // A starting service accepts no stop (the manager refuses the control), so
+  // it is let finish its start first, within a wait of the same bound.
+  WaitWhile(service, SERVICE_START_PENDING, timeoutMs);
   SERVICE_STATUS_PROCESS before{};
   DWORD needed = 0;
   ProcessHandle process;

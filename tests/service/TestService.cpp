@@ -6,7 +6,8 @@
 // event "Global\<name>-release" is set, so a caller of ControlService stays
 // inside that call until the test lets it go. With "slow-stop FILE" instead,
 // the stop control is answered at once and the service stays stopping until
-// FILE exists (two minutes at most). With "stop-code=<file>" it stops with a
+// FILE exists (two minutes at most); with "slow-start FILE" it stays starting,
+// accepting no control, until FILE exists. With "stop-code=<file>" it stops with a
 // service-specific exit code, the size of that file in bytes when the stop
 // control arrived: what had been written to it by then.
 
@@ -23,15 +24,26 @@ HANDLE g_hReleaseEvent = nullptr;
 std::wstring g_sStopCodeFile;
 DWORD g_nStopCode = 0;
 wchar_t g_releaseFile[MAX_PATH] = L"";
+wchar_t g_startFile[MAX_PATH] = L"";
 
-void Report(DWORD state, DWORD exitCode = NO_ERROR) {
+void Report(DWORD state, DWORD exitCode = NO_ERROR, DWORD checkPoint = 0) {
   SERVICE_STATUS status{};
+  status.dwCheckPoint = checkPoint;
+  status.dwWaitHint = checkPoint != 0 ? 2000 : 0;
   status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
   status.dwCurrentState = state;
   status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
   status.dwWin32ExitCode = exitCode;
   status.dwServiceSpecificExitCode = g_nStopCode;
   ::SetServiceStatus(g_hStatus, &status);
+}
+
+// Waits up to two minutes for `file` to exist; an empty name is no wait.
+void AwaitFile(const wchar_t* file, DWORD pending) {
+  for (DWORD i = 1; *file && ::GetFileAttributesW(file) == INVALID_FILE_ATTRIBUTES && i <= 2400; ++i) {
+    if (pending != 0) Report(pending, NO_ERROR, i);
+    ::Sleep(50);
+  }
 }
 
 DWORD WINAPI Handler(DWORD control, DWORD, void*, void*) {
@@ -61,11 +73,10 @@ void WINAPI ServiceMain(DWORD argc, wchar_t** argv) {
     Report(SERVICE_STOPPED, ::GetLastError());
     return;
   }
+  AwaitFile(g_startFile, SERVICE_START_PENDING);
   Report(SERVICE_RUNNING);
   ::WaitForSingleObject(g_hStopEvent, INFINITE);
-  for (int i = 0; *g_releaseFile && ::GetFileAttributesW(g_releaseFile) == INVALID_FILE_ATTRIBUTES && i < 2400; ++i) {
-    ::Sleep(50);
-  }
+  AwaitFile(g_releaseFile, 0);
   ::CloseHandle(g_hStopEvent);
   Report(SERVICE_STOPPED, g_sStopCodeFile.empty() ? NO_ERROR : ERROR_SERVICE_SPECIFIC_ERROR);
 }
@@ -88,6 +99,9 @@ int main(int argc, char** argv) {
   }
   if (argc > 3 && std::strcmp(argv[2], "slow-stop") == 0) {
     ::MultiByteToWideChar(CP_ACP, 0, argv[3], -1, g_releaseFile, MAX_PATH);
+  }
+  if (argc > 3 && std::strcmp(argv[2], "slow-start") == 0) {
+    ::MultiByteToWideChar(CP_ACP, 0, argv[3], -1, g_startFile, MAX_PATH);
   }
   SERVICE_TABLE_ENTRYW table[] = {{name, &ServiceMain}, {nullptr, nullptr}};
   return ::StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(::GetLastError());
