@@ -41,7 +41,6 @@ namespace fs = std::filesystem;
 using Kestrel::PackerRules::ArchiveName;
 using Kestrel::Detail::IsRefreshDue;
 using TestSupport::ListFiles;
-using TestSupport::ReadBytes;
 using TestSupport::WaitUntilHeld;
 using Lines = std::vector<std::pair<unsigned, std::wstring>>;
 using Packer = Kestrel::CLazySingleton<Kestrel::CLogPackerConfiguration>;
@@ -167,9 +166,11 @@ void MakeLog(const fs::path& folder, const std::wstring& name, std::uint64_t siz
   SetAge(folder / L"logs" / name, age);
 }
 
+std::string ReadAll(const fs::path& path) { return TestSupport::ReadBytes(path); }
+
 bool Untouched(const fs::path& folder, const std::wstring& name) {
   return fs::is_regular_file(folder / L"logs" / name) &&
-         ReadBytes(folder / L"logs" / name) == ReadBytes(folder / L"originals" / name);
+         ReadAll(folder / L"logs" / name) == ReadAll(folder / L"originals" / name);
 }
 
 // The archives the tests' runs made, oldest first (the one of 2020 is planted).
@@ -211,9 +212,9 @@ void ExpectSurvivor(const fs::path& folder, const std::wstring& name, const wcha
 
 // The module's lines of one source, by severity.
 struct LogCapture : TestSupport::LogCapture {
-  Lines Errors(const std::wstring& source) const { return Messages(L"ERR", source); }
-  Lines Warnings(const std::wstring& source) const { return Messages(L"WARN", source); }
-  Lines Infos(const std::wstring& source) const { return Messages(L"INFO", source); }
+  ::Lines Errors(const std::wstring& source) const { return Messages(L"ERR", source); }
+  ::Lines Warnings(const std::wstring& source) const { return Messages(L"WARN", source); }
+  ::Lines Infos(const std::wstring& source) const { return Messages(L"INFO", source); }
 };
 
 // Threads of this process, by Toolhelp snapshot.
@@ -500,7 +501,7 @@ TEST(LogPackerRun, SkipsLinksItsOwnArchivesAndWhatIsHeldAndTakesNamesAsFound) {
   // marked for deletion.
   TestSupport::MakeLink((outside / L"soft.log").wstring(), (logs / Kestrel::PackerRules::kLockName).wstring());
   EXPECT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*")), static_cast<HRESULT>(0x8007112B));
-  for (const auto& [path, text] : outsiders) EXPECT_EQ(ReadBytes(path), text) << path;
+  for (const auto& [path, text] : outsiders) EXPECT_EQ(ReadAll(path), text) << path;
   EXPECT_TRUE(Untouched(folder, L"logs_20200101000000.zip"));
 }
 
@@ -563,7 +564,7 @@ TEST(LogPackerRun, RetentionDeletesOnlyItsOwnArchivesBeyondTheLimitsOldestFirst)
   EXPECT_EQ(ListFiles(logs, L"*.zip").size(), others.size() + 3);  // the two links and the run's own
   for (const auto& name : others) EXPECT_TRUE(Untouched(folder, name)) << name;
   for (const wchar_t* name : {L"logs_19990101000000.zip", L"logs_19990102000000.zip"}) {
-    EXPECT_EQ(ReadBytes(logs / name), "outside") << name;  // the links and what they lead to
+    EXPECT_EQ(ReadAll(logs / name), "outside") << name;  // the links and what they lead to
   }
 }
 

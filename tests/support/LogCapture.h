@@ -17,7 +17,7 @@ namespace TestSupport {
 // where the severity tag ("ERR ", "WARN", "INFO", "DBG ") and the source start.
 constexpr std::size_t kMessageColumn = 79, kTagColumn = 26, kSourceColumn = 46;
 
-class LogCapture final : public VHLogger::Detail::ILogWriter {
+class LogCapture : public VHLogger::Detail::ILogWriter {
  public:
   LogCapture() : m_bInstalled(VHLogger::AddLogWriter(this)) {}
   ~LogCapture() override { VHLogger::RemoveLogWriter(this); }
