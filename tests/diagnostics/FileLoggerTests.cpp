@@ -92,7 +92,7 @@ TEST(FileLogger, RefusedWritesAreReportedAndLoggingGoesOn) {
 
   // Another process holds the file without write sharing.
   TestSupport::Process holder(L"test_helper.exe", L"hold \"" + held + L"\" 1500");
-  for (int i = 0; i < 1000 && !std::filesystem::exists(held); ++i) ::Sleep(10);  // created already held
+  ASSERT_TRUE(TestSupport::WaitUntilHeld(held, GENERIC_WRITE));
   CFileLogger second(held, L"");
   const ULONGLONG start = ::GetTickCount64();
   second.Write(L"lost\r\n", npos);
@@ -195,8 +195,8 @@ TEST(FileLogger, AWriterKilledMidWayTearsNothing) {
 // The module's own log as a user who plants links meets it: a hard link and
 // a symbolic link to a victim at the log's name are refused, reported once,
 // and the victim keeps every byte; a plain file at that name in the next
-// folder gets the banner and the lines. A log folder that cannot be made is
-// refused the same way, and nothing is written.
+// folder gets the banner first (no byte-order mark) and the lines. A log
+// folder that cannot be made is refused the same way, and nothing is written.
 TEST(FileLogger, ModuleLogTakesOnlyAPlainFileOfItsFolder) {
   TempDir dir;
   const std::wstring name = Kestrel::BaseNameOf(Kestrel::ExecutableFilePath()) + L".log";

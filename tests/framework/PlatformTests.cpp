@@ -44,7 +44,7 @@ EntryRefusal Refusal(const CFolder& folder, const std::wstring& name) {
   return file.refusal;
 }
 
-TEST(PlainFile, OnlyPlainFilesWithOneNameDirectlyInsideTheFolderAreTaken) {
+TEST(PlainFile, OnlyPlainFilesWithOneNameDirectlyInsideTheFolderAreTakenThroughAnyPath) {
   Scratch scratch;
   WriteText(scratch.Logs(L"plain.log"), "mine");
   WriteText(scratch.Outside(L"victim.txt"), "victim");
@@ -81,15 +81,12 @@ TEST(PlainFile, OnlyPlainFilesWithOneNameDirectlyInsideTheFolderAreTaken) {
   EXPECT_TRUE(OpenPlainFile(folder, L"new.log", FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS));
   EXPECT_EQ(ReadBytes(scratch.Outside(L"victim.txt")), "victim");
   EXPECT_EQ(ReadBytes(scratch.Outside(L"second.txt")), "second");
-}
 
-TEST(PlainFile, AFolderGivenThroughALinkCountsWhereItIsUnlessLinksAreRefused) {
-  Scratch scratch;
-  WriteText(scratch.Logs(L"a.log"), "a");
+  // A folder given through a link counts where it is, unless links are refused.
   TestSupport::MakeLink(scratch.Logs(), scratch.File(L"alias"));
   const CFolder alias(scratch.File(L"alias\\"));
-  EXPECT_EQ(alias.FinalPath(), CFolder(scratch.Logs()).FinalPath());
-  EXPECT_EQ(Refusal(alias, L"a.log"), EntryRefusal::kNone);
+  EXPECT_EQ(alias.FinalPath(), folder.FinalPath());
+  EXPECT_EQ(Refusal(alias, L"plain.log"), EntryRefusal::kNone);
   try {
     CFolder refused(scratch.File(L"alias"), CFolder::Links::kRefuse);
     ADD_FAILURE() << "a folder link was accepted";
@@ -97,7 +94,7 @@ TEST(PlainFile, AFolderGivenThroughALinkCountsWhereItIsUnlessLinksAreRefused) {
     EXPECT_EQ(error.Code(), static_cast<HRESULT>(0x8007112B));
   }
   EXPECT_NO_THROW(CFolder(scratch.Logs(), CFolder::Links::kRefuse));
-  EXPECT_THROW(CFolder(scratch.Logs(L"a.log")), Kestrel::HRX);  // a file is no folder
+  EXPECT_THROW(CFolder(scratch.Logs(L"plain.log")), Kestrel::HRX);  // a file is no folder
 }
 
 TEST(PlainFile, ReadOnlyFilesAreDeletedAndRenamesNeverReplaceUnasked) {
