@@ -11,7 +11,6 @@
 
 #include "Files.h"
 #include "LogCapture.h"
-#include "platform/ModulePath.h"
 #include "Processes.h"
 #include "logger/Logger.h"
 #include "logger/detail/DebugOutput.h"
@@ -19,8 +18,6 @@
 #include "platform/TickCount.h"
 
 namespace DiagTest {
-
-using TestSupport::kMessageColumn;
 
 // Sets (nullopt: removes) a variable for the scope; the logger re-reads.
 struct ScopedEnv {
@@ -59,15 +56,5 @@ struct DebugCapture {
     s_current->texts.emplace_back(text);
   });
 };
-
-using TestSupport::ReadBytes;
-using TestSupport::ReadUtf16;
-using TestSupport::WriteText;
-using TestSupport::TempDir;
-
-// Runs this test program again with a filter and one more variable.
-inline DWORD RunSelf(const std::wstring& filter, const std::wstring& name, const std::wstring& value) {
-  return TestSupport::StartSelf(filter, {{name, value}}).Wait(120000);
-}
 
 }  // namespace DiagTest

@@ -15,6 +15,11 @@
 #include "logger/detail/FileLogger.h"
 #include "platform/PlainFile.h"
 
+using TestSupport::ReadBytes;
+using TestSupport::ReadUtf16;
+using TestSupport::TempDir;
+using TestSupport::WriteText;
+using TestSupport::kMessageColumn;
 using VHLogger::Detail::CFileLogger;
 constexpr auto npos = CFileLogger::npos;
 
@@ -39,16 +44,16 @@ std::multiset<std::wstring> Expected(unsigned first, unsigned last) {
 // The messages of a file's lines, each ending in "\r"; a banner line whole.
 std::vector<std::wstring> MessagesOf(const std::wstring& path) {
   std::vector<std::wstring> messages;
-  std::wistringstream text(DiagTest::ReadUtf16(path));
+  std::wistringstream text(ReadUtf16(path));
   for (std::wstring line; std::getline(text, line);)
-    messages.push_back(line.size() > DiagTest::kMessageColumn ? line.substr(DiagTest::kMessageColumn) : line);
+    messages.push_back(line.size() > kMessageColumn ? line.substr(kMessageColumn) : line);
   return messages;
 }
 constexpr wchar_t kBanner[] = L"=== banner ===\r";
 }  // namespace
 
 TEST(FileLogger, PathSettingNamesThatArePathsAndMovedFiles) {
-  DiagTest::TempDir dir;
+  TempDir dir;
   DiagTest::ScopedEnv root(L"WD64_DIAG_ROOT", dir.File(L"new")), path(L"GS_Logger_Path", L"%WD64_DIAG_ROOT%/Logs2");
   const std::wstring expected = dir.File(L"new\\Logs2\\");
   EXPECT_EQ(VHLogger::GetLogDirectory(), expected);
@@ -56,7 +61,7 @@ TEST(FileLogger, PathSettingNamesThatArePathsAndMovedFiles) {
   EXPECT_EQ(CFileLogger(L"bare.log", L"").FilePath(), expected + L"bare.log");
   // A name with a separator is used as it stands, "Path" or not.
   CFileLogger(std::filesystem::path(dir.File(L"direct.log")).generic_wstring(), L"").Write(L"here\r\n", npos);
-  EXPECT_EQ(DiagTest::ReadUtf16(dir.File(L"direct.log")), L"here\r\n");
+  EXPECT_EQ(ReadUtf16(dir.File(L"direct.log")), L"here\r\n");
 
   // A moved file is followed until the default 5000 ms end, then reopened.
   DiagTest::ScopedTicks ticks(100000);
@@ -67,27 +72,27 @@ TEST(FileLogger, PathSettingNamesThatArePathsAndMovedFiles) {
   logger.Write(L"two\r\n", 5);
   ticks.Advance(1);
   logger.Write(L"three\r\n", npos);
-  EXPECT_EQ(DiagTest::ReadUtf16(dir.File(L"moved.log")), L"BANNER\r\none\r\ntwo\r\n");
-  EXPECT_EQ(DiagTest::ReadUtf16(dir.File(L"move.log")), L"BANNER\r\nthree\r\n");
+  EXPECT_EQ(ReadUtf16(dir.File(L"moved.log")), L"BANNER\r\none\r\ntwo\r\n");
+  EXPECT_EQ(ReadUtf16(dir.File(L"move.log")), L"BANNER\r\nthree\r\n");
 }
 
 TEST(FileLogger, RefusedWritesAreReportedAndLoggingGoesOn) {
-  DiagTest::TempDir dir;
+  TempDir dir;
   const std::wstring big = dir.File(L"big.log"), held = dir.File(L"held.log");
   DiagTest::ScopedEnv threshold(L"GS_Logger_LogFileSizeThresholdMB", L"1"), zero(L"GS_Logger_KeepOpenInterval", L"0");
   DiagTest::DebugCapture debug;
   CFileLogger logger(big, L"");
-  DiagTest::WriteText(big, std::string(1048576, 'x'));
+  WriteText(big, std::string(1048576, 'x'));
   logger.Write(L"x\r\n", npos);
   logger.Write(L"x\r\n", npos);  // refused again, reported once
   EXPECT_EQ(std::filesystem::file_size(big), 1048576u);
-  DiagTest::WriteText(big, std::string(1048575, 'x'));
+  WriteText(big, std::string(1048575, 'x'));
   logger.Write(L"x\r\n", npos);
   EXPECT_EQ(std::filesystem::file_size(big), 1048575u + 6);
 
   // Another process holds the file without write sharing.
   TestSupport::Process holder(L"test_helper.exe", L"hold \"" + held + L"\" 1500");
-  for (int i = 0; i < 1000 && !std::filesystem::exists(held); ++i) ::Sleep(10);  // created already held
+  ASSERT_TRUE(TestSupport::WaitUntilHeld(held, GENERIC_WRITE));
   CFileLogger second(held, L"");
   const ULONGLONG start = ::GetTickCount64();
   second.Write(L"lost\r\n", npos);
@@ -97,7 +102,7 @@ TEST(FileLogger, RefusedWritesAreReportedAndLoggingGoesOn) {
                                        L"FileLogger: cannot open log file '" + held + L"' (error: 0x80070020)\n"}));
   EXPECT_EQ(holder.Wait(120000), 0u);
   second.Write(L"kept\r\n", npos);
-  EXPECT_EQ(DiagTest::ReadUtf16(held), L"kept\r\n");
+  EXPECT_EQ(ReadUtf16(held), L"kept\r\n");
 }
 
 // Writers on eight threads while the file is moved away again and again and
@@ -105,7 +110,7 @@ TEST(FileLogger, RefusedWritesAreReportedAndLoggingGoesOn) {
 // exactly one of the files, and each file starts with the banner. The name
 // holds characters no ANSI code page has.
 TEST(FileLogger, FilesMovedAwayUnderWritersLoseNoLine) {
-  DiagTest::TempDir dir;
+  TempDir dir;
   const std::wstring path = dir.File(L"\u0436\u0443\u0440\u043D\u0430\u043B-\u65E5\u672C-\U0001F5C2.log");
   DiagTest::ScopedTicks ticks(200000);
   CFileLogger logger(path, L"=== banner ===\r\n");
@@ -151,12 +156,12 @@ TEST(FileLogger, AWriterKilledMidWayTearsNothing) {
     for (unsigned i = 0;; ++i)
       VHLogger::GetLogger().Write(VHLogger::SEV_INFO, Numbered(kKilledWriter, i), L"Concurrency", 1, &logger);
   }
-  DiagTest::TempDir dir;
+  TempDir dir;
   const std::wstring path = dir.File(L"killed.log");
   TestSupport::Process child = TestSupport::StartSelf(L"FileLogger.AWriterKilled*", {{L"WD64_DIAG_KILLED_FILE", path}});
   ASSERT_NE(child.Get(), nullptr);
   const std::wstring firstKilledLine = Numbered(kKilledWriter, 0) + L"\r\n";
-  for (int i = 0; i < 1000 && DiagTest::ReadUtf16(path).find(firstKilledLine) == std::wstring::npos; ++i) ::Sleep(10);
+  for (int i = 0; i < 1000 && ReadUtf16(path).find(firstKilledLine) == std::wstring::npos; ++i) ::Sleep(10);
 
   CFileLogger logger(path, L"=== banner ===\r\n");
   std::vector<std::thread> threads;
@@ -190,10 +195,10 @@ TEST(FileLogger, AWriterKilledMidWayTearsNothing) {
 // The module's own log as a user who plants links meets it: a hard link and
 // a symbolic link to a victim at the log's name are refused, reported once,
 // and the victim keeps every byte; a plain file at that name in the next
-// folder gets the banner and the lines. A log folder that cannot be made is
-// refused the same way, and nothing is written.
+// folder gets the banner first (no byte-order mark) and the lines. A log
+// folder that cannot be made is refused the same way, and nothing is written.
 TEST(FileLogger, ModuleLogTakesOnlyAPlainFileOfItsFolder) {
-  DiagTest::TempDir dir;
+  TempDir dir;
   const std::wstring name = Kestrel::BaseNameOf(Kestrel::ExecutableFilePath()) + L".log";
   DiagTest::ScopedEnv zero(L"GS_Logger_KeepOpenInterval", L"0"), path(L"GS_Logger_Path", std::nullopt);
   const std::pair<const wchar_t*, Kestrel::EntryRefusal> cases[] = {{L"hard", Kestrel::EntryRefusal::kSeveralNames},
@@ -204,19 +209,19 @@ TEST(FileLogger, ModuleLogTakesOnlyAPlainFileOfItsFolder) {
     SCOPED_TRACE(kind);
     const std::wstring folder = dir.File(kind) + L"\\", victim = dir.File(kind) + L".txt";
     std::filesystem::create_directories(folder);
-    DiagTest::WriteText(victim, "victim bytes");
+    WriteText(victim, "victim bytes");
     if (refusal != Kestrel::EntryRefusal::kNone) TestSupport::MakeLink(victim, folder + name, kind[0] == L's');
     path.Set(kind[0] == L'f' ? victim : folder);  // the last case names a file as the folder
     DiagTest::DebugCapture debug;
     VH_LOG(VHLogger::SEV_ERR, L"LinkTests", L"first line");
     VH_LOG(VHLogger::SEV_ERR, L"LinkTests", L"second line");
-    EXPECT_EQ(DiagTest::ReadBytes(victim), "victim bytes");
+    EXPECT_EQ(ReadBytes(victim), "victim bytes");
     const std::vector<std::wstring> reported = debug.Texts();
     if (kind[0] == L'f') {
       ASSERT_EQ(reported.size(), 1u);
       EXPECT_EQ(reported[0].rfind(L"LogManager: log folder '" + victim + L"\\' refused: 0x8007010B ", 0), 0u);
     } else if (refusal == Kestrel::EntryRefusal::kNone) {
-      const std::wstring text = DiagTest::ReadUtf16(folder + name);
+      const std::wstring text = ReadUtf16(folder + name);
       EXPECT_EQ(text.rfind(VHLogger::ModuleBanner(), 0), 0u);
       EXPECT_NE(text.find(L"| second line\r\n"), std::wstring::npos) << text;
       EXPECT_EQ(reported, std::vector<std::wstring>{});

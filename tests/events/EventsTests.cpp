@@ -5,8 +5,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -14,7 +12,6 @@
 #include "module/EventSourceRegistration.h"
 #include "Files.h"
 #include "LogCapture.h"
-#include "Processes.h"
 #include "platform/ModulePath.h"
 #include "events/Detail/EventlogWriter.h"
 #include "events/Detail/FileLogEventWriter.h"
@@ -49,8 +46,6 @@ std::wstring TempFile(const std::wstring& suffix) {
   return true;
 }();
 
-const auto ReadUtf16File = [](const std::wstring& path) { return TestSupport::ReadUtf16(path); };
-
 void ExpectContains(const std::wstring& text, const std::vector<std::wstring>& pieces) {
   for (const std::wstring& piece : pieces) EXPECT_NE(text.find(piece), std::wstring::npos) << piece << "\nin: " << text;
 }
@@ -67,11 +62,6 @@ std::wstring ReadValue(const std::wstring& keyPath, const wchar_t* name) {
   ::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), name, RRF_RT_ANY | RRF_NOEXPAND, &type, data, &size);
   return std::to_wstring(type) + L":" +
          (type == REG_DWORD ? std::to_wstring(*reinterpret_cast<DWORD*>(data)) : reinterpret_cast<wchar_t*>(data));
-}
-
-// wd64host in a second process; its exit code.
-DWORD RunHost(const wchar_t* command) {
-  return TestSupport::RunToEnd(L"wd64host.exe", L"eventsource " + std::wstring(command)).exitCode;
 }
 
 constexpr wchar_t kMessages[] = L"CoreEventMessages.dll";
@@ -129,7 +119,7 @@ TEST(EventReporting, FirstUseReadsTheSettingsAndWritesTheEventsFile) {
   EXPECT_EQ(EventReporting::GetEventSource().sName, kSourceName);
   EXPECT_EQ(EventReporting::GetEventSource().sLogName, kIniLogName);
   const TestSupport::LogCapture log;
-  const std::size_t fileStart = ReadUtf16File(TempFile(L".log")).size();
+  const std::size_t fileStart = TestSupport::ReadUtf16(TempFile(L".log")).size();
   EventReporting::ReportEvent(0xC00110CE, {L"Z:\\Audit\\Data", L"AuditCore"});
   CEventRecord preset(0xC00110CE);
   preset.SetType(EVENTLOG_INFORMATION_TYPE);
@@ -139,7 +129,7 @@ TEST(EventReporting, FirstUseReadsTheSettingsAndWritesTheEventsFile) {
   EXPECT_THROW(CEventRecord(1).SetString(0, L"s"), Kestrel::HRX);
   EventReporting::ReportEvent(0x800110CD, std::vector<std::wstring>(255, L"s"));
 
-  const std::wstring file = ReadUtf16File(TempFile(L".log")).substr(fileStart);
+  const std::wstring file = TestSupport::ReadUtf16(TempFile(L".log")).substr(fileStart);
   ExpectContains(file, {L"Source: 'Vigil Hub Tests'; EventId: 4302; Type: 'Error'(1); Category: 'Disk space'(1)\r\n"
                         L"Free disk space is critically low on the volumes of these watched paths: Z:\\Audit\\Data.",
                         L"Source: 'Other'; EventId: 4302; Type: 'Information'(4); Category: 'Disk space'(1)\r\n",
@@ -149,7 +139,7 @@ TEST(EventReporting, FirstUseReadsTheSettingsAndWritesTheEventsFile) {
   EXPECT_EQ(log.Count(L"EventlogWriter"), 0u);
 }
 
-TEST(EventSourceRegistration, InstallerKeysInProcessAndThroughTheHostCommand) {
+TEST(EventSourceRegistration, InstallerKeysAndTheirRemoval) {
   const std::wstring log = L"WD64 Test Log " + std::to_wstring(::GetCurrentProcessId());
   const std::wstring messageFile = Kestrel::ModuleDirectory() + L"CoreEventMessages.dll";
   const std::wstring first = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\" + log + L"\\First";
@@ -174,15 +164,6 @@ TEST(EventSourceRegistration, InstallerKeysInProcessAndThroughTheHostCommand) {
             HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
   EXPECT_EQ(Registration::Register({log, L"a\\b", messageFile}), E_INVALIDARG);
   EXPECT_FALSE(KeyExists(Registration::LogKeyPath(log)));
-
-  // wd64host in a second process, with the module's settings naming source and log.
-  ::SetEnvironmentVariableW(L"GS_CoreEventSource_EventLogName", log.c_str());
-  EXPECT_EQ(RunHost(L"register"), 0u);
-  EXPECT_EQ(ReadValue(Registration::SourceKeyPath(log, kSourceName), L"EventMessageFile"), L"2:" + messageFile);
-  EXPECT_EQ(RunHost(L"unregister"), 0u);
-  EXPECT_FALSE(KeyExists(Registration::LogKeyPath(log)));
-  EXPECT_NE(RunHost(L"bogus"), 0u);
-  ::SetEnvironmentVariableW(L"GS_CoreEventSource_EventLogName", nullptr);
 }
 
 // The free-space events as administrators read them, by the ids in CoreEventMessages.dll.
@@ -223,20 +204,20 @@ TEST(FileLogEventWriter, EntriesOfTheFreeSpaceEventsOddRecordsAndFallbacks) {
 // A hard link and a symbolic link to a victim at the events file's name: the victim keeps every byte and
 // the refusal is logged once at ERR; a plain file in the same folder takes the entries.
 TEST(FileLogEventWriter, TakesOnlyAPlainFileOfItsFolder) {
-  const std::wstring folder = TempFile(L"-links\\");
-  ASSERT_TRUE(std::filesystem::create_directories(folder));
+  const TestSupport::TempDir dir(L"wd64-events-links");
+  const std::wstring& folder = dir.path;
   for (const wchar_t* kind : {L"hard", L"symbolic", L"plain"}) {
     SCOPED_TRACE(kind);
     const std::wstring victim = folder + kind + L".txt", events = folder + kind + L"\\events.log";
     std::filesystem::create_directories(folder + kind);
-    std::ofstream(std::filesystem::path(victim), std::ios::binary) << "victim bytes";
+    TestSupport::WriteText(victim, "victim bytes");
     if (kind[0] != L'p') TestSupport::MakeLink(victim, events, kind[0] == L's');
     const TestSupport::LogCapture log;
     EventReporting::Detail::CFileLogEventWriter writer(events);
     for (int i = 0; i < 2; ++i) writer.WriteEvent({kSourceName, L"Log", kMessages}, Completed(0x800110CD, {}));
-    std::ifstream in(std::filesystem::path(victim), std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "victim bytes");
-    const std::wstring text = ReadUtf16File(events), refusal = log.LineWith(L"Events file '" + events + L"' refused: ");
+    EXPECT_EQ(TestSupport::ReadBytes(victim), "victim bytes");
+    const std::wstring text = TestSupport::ReadUtf16(events);
+    const std::wstring refusal = log.LineWith(L"Events file '" + events + L"' refused: ");
     if (kind[0] == L'p') {
       EXPECT_EQ(log.Count(L"| ERR  |"), 0u) << log.Text();
       EXPECT_NE(text.find(L"EventId: 4301"), text.rfind(L"EventId: 4301")) << text;
@@ -247,11 +228,11 @@ TEST(FileLogEventWriter, TakesOnlyAPlainFileOfItsFolder) {
                                                : L"' refused: a link to another file, not a plain file of the folder"});
     }
   }
-  TestSupport::RemoveTree(folder);
 }
 
-// One registration per exact source name, made once under a race, released by its last holder.
-TEST(EventlogWriter, ReportArgumentsAndOneSharedSourceHandlePerName) {
+// One registration per exact source name, made once under a race, released by its last holder; failures
+// logged with their texts.
+TEST(EventlogWriter, ReportArgumentsOneSharedSourceHandlePerNameAndLoggedFailures) {
   const auto fake = FakeEventLog::Install();
   std::shared_ptr<const EventReporting::Detail::EventSourceHandle> kept;
   {
@@ -275,20 +256,17 @@ TEST(EventlogWriter, ReportArgumentsAndOneSharedSourceHandlePerName) {
   EXPECT_EQ(FakeEventLog::nDeregistered, 1);  // the lower-case one went with the writer
   kept.reset();
   EXPECT_EQ(FakeEventLog::nDeregistered, 2);
-}
 
-TEST(EventlogWriter, FailuresAreLoggedWithTheirTexts) {
-  const auto fake = FakeEventLog::Install();
+  // A refused registration reports without a handle and is not kept; 0xFFFF has no system text.
   const TestSupport::LogCapture log;
   EventReporting::Detail::CEventlogWriter writer;
-  // A refused registration reports without a handle and is not kept; 0xFFFF has no system text.
   const struct { DWORD registerError, reportError, eventId; } cases[] = {
       {ERROR_ACCESS_DENIED, 0, 0xC00110CE}, {0, ERROR_INVALID_PARAMETER, 0x800110CD}, {0, 0xFFFF, 0x40000003}};
   for (const auto& c : cases) {
     FakeEventLog::nRegisterError = c.registerError, FakeEventLog::nReportError = c.reportError;
     writer.WriteEvent({L"Refused Source", L"Log", L""}, CEventRecord(c.eventId));
   }
-  EXPECT_EQ(FakeEventLog::nRegistered, 1);
+  EXPECT_EQ(FakeEventLog::nRegistered, 3);  // one more
   auto text = [](DWORD error) { return Kestrel::DescribeHResult(Kestrel::HResultFromWin32(error)) + L"\r\n"; };
   ExpectContains(log.Text(),
                  {L"| ERR  |", L"EventlogWriter:", L"ReportEvent(1073741827) failed: (null)\r\n",

@@ -3,16 +3,14 @@
 // them; and whom it trusts, decided on crafted security descriptors, since
 // Wine keeps no access lists.
 
+#include <gtest/gtest.h>
 #include <windows.h>
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "ErrorHandling.h"
-#include "Links.h"
+#include "Files.h"
 #include "platform/FileTrust.h"
 #include "platform/PlainFile.h"
 
@@ -24,26 +22,19 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Scratch {
-  fs::path root = fs::temp_directory_path() / ("wd64-platform-" + std::to_string(::GetCurrentProcessId()));
-  Scratch() {
-    TestSupport::RemoveTree(root.wstring());
-    fs::create_directories(root / "logs");
-    fs::create_directories(root / "outside");
+// A fresh folder with logs\ and outside\ in it.
+struct Scratch : TestSupport::TempDir {
+  Scratch() : TempDir(L"wd64-platform") {
+    fs::create_directories(Logs());
+    fs::create_directories(Outside());
   }
-  ~Scratch() {
-    TestSupport::RemoveTree(root.wstring());
-  }
-  std::wstring Logs() const { return (root / "logs").wstring(); }
-  std::wstring Outside() const { return (root / "outside").wstring(); }
+  std::wstring Logs(const std::wstring& name = L"") const { return File(L"logs" + Below(name)); }
+  std::wstring Outside(const std::wstring& name = L"") const { return File(L"outside" + Below(name)); }
+  static std::wstring Below(const std::wstring& name) { return name.empty() ? name : L"\\" + name; }
 };
 
-void WriteText(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-
-std::string ReadText(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using TestSupport::ReadBytes;
+using TestSupport::WriteText;
 
 // A folder opened without backup semantics is refused by the system itself.
 EntryRefusal Refusal(const CFolder& folder, const std::wstring& name) {
@@ -53,16 +44,16 @@ EntryRefusal Refusal(const CFolder& folder, const std::wstring& name) {
   return file.refusal;
 }
 
-TEST(PlainFile, OnlyPlainFilesWithOneNameDirectlyInsideTheFolderAreTaken) {
+TEST(PlainFile, OnlyPlainFilesWithOneNameDirectlyInsideTheFolderAreTakenThroughAnyPath) {
   Scratch scratch;
-  WriteText(scratch.root / "logs" / "plain.log", "mine");
-  WriteText(scratch.root / "outside" / "victim.txt", "victim");
-  WriteText(scratch.root / "outside" / "second.txt", "second");
-  TestSupport::MakeLink(scratch.Outside() + L"\\victim.txt", scratch.Logs() + L"\\soft.log");
-  TestSupport::MakeLink(scratch.Outside() + L"\\second.txt", scratch.Logs() + L"\\hard.log", false);
-  TestSupport::MakeLink(scratch.Outside(), scratch.Logs() + L"\\folder.log");
-  TestSupport::MakeLink(scratch.Logs() + L"\\plain.log", scratch.Logs() + L"\\sibling.log");
-  fs::create_directory(scratch.root / "logs" / "sub.log");
+  WriteText(scratch.Logs(L"plain.log"), "mine");
+  WriteText(scratch.Outside(L"victim.txt"), "victim");
+  WriteText(scratch.Outside(L"second.txt"), "second");
+  TestSupport::MakeLink(scratch.Outside(L"victim.txt"), scratch.Logs(L"soft.log"));
+  TestSupport::MakeLink(scratch.Outside(L"second.txt"), scratch.Logs(L"hard.log"), false);
+  TestSupport::MakeLink(scratch.Outside(), scratch.Logs(L"folder.log"));
+  TestSupport::MakeLink(scratch.Logs(L"plain.log"), scratch.Logs(L"sibling.log"));
+  fs::create_directory(scratch.Logs(L"sub.log"));
 
   const CFolder folder(scratch.Logs());
   EXPECT_EQ(Refusal(folder, L"plain.log"), EntryRefusal::kNone);
@@ -79,44 +70,39 @@ TEST(PlainFile, OnlyPlainFilesWithOneNameDirectlyInsideTheFolderAreTaken) {
             static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
 
   // A file created through a link's name is refused before anything is written.
-  const Kestrel::PlainFile created =
-      OpenPlainFile(folder, L"soft.log", FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS);
+  const Kestrel::PlainFile created = OpenPlainFile(folder, L"soft.log", FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS);
   EXPECT_FALSE(created);
-  EXPECT_STREQ(Kestrel::RefusalText(EntryRefusal::kLink), L"a link, not a plain file of the folder");
   // Nor is a dangling link's target ever made.
-  WriteText(scratch.root / "outside" / "absent.txt", "");
-  TestSupport::MakeLink(scratch.Outside() + L"\\absent.txt", scratch.Logs() + L"\\dangling.log");
-  fs::remove(scratch.root / "outside" / "absent.txt");
+  WriteText(scratch.Outside(L"absent.txt"), "");
+  TestSupport::MakeLink(scratch.Outside(L"absent.txt"), scratch.Logs(L"dangling.log"));
+  fs::remove(scratch.Outside(L"absent.txt"));
   EXPECT_FALSE(OpenPlainFile(folder, L"dangling.log", FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS));
-  EXPECT_FALSE(fs::exists(scratch.root / "outside" / "absent.txt"));
+  EXPECT_FALSE(fs::exists(scratch.Outside(L"absent.txt")));
   EXPECT_TRUE(OpenPlainFile(folder, L"new.log", FILE_APPEND_DATA, FILE_SHARE_READ, OPEN_ALWAYS));
-  EXPECT_EQ(ReadText(scratch.root / "outside" / "victim.txt"), "victim");
-  EXPECT_EQ(ReadText(scratch.root / "outside" / "second.txt"), "second");
-}
+  EXPECT_EQ(ReadBytes(scratch.Outside(L"victim.txt")), "victim");
+  EXPECT_EQ(ReadBytes(scratch.Outside(L"second.txt")), "second");
 
-TEST(PlainFile, AFolderGivenThroughALinkCountsWhereItIsUnlessLinksAreRefused) {
-  Scratch scratch;
-  WriteText(scratch.root / "logs" / "a.log", "a");
-  TestSupport::MakeLink(scratch.Logs(), scratch.root.wstring() + L"\\alias");
-  const CFolder alias(scratch.root.wstring() + L"\\alias\\");
-  EXPECT_EQ(alias.FinalPath(), CFolder(scratch.Logs()).FinalPath());
-  EXPECT_EQ(Refusal(alias, L"a.log"), EntryRefusal::kNone);
+  // A folder given through a link counts where it is, unless links are refused.
+  TestSupport::MakeLink(scratch.Logs(), scratch.File(L"alias"));
+  const CFolder alias(scratch.File(L"alias\\"));
+  EXPECT_EQ(alias.FinalPath(), folder.FinalPath());
+  EXPECT_EQ(Refusal(alias, L"plain.log"), EntryRefusal::kNone);
   try {
-    CFolder refused(scratch.root.wstring() + L"\\alias", CFolder::Links::kRefuse);
+    CFolder refused(scratch.File(L"alias"), CFolder::Links::kRefuse);
     ADD_FAILURE() << "a folder link was accepted";
   } catch (const Kestrel::HRX& error) {
     EXPECT_EQ(error.Code(), static_cast<HRESULT>(0x8007112B));
   }
   EXPECT_NO_THROW(CFolder(scratch.Logs(), CFolder::Links::kRefuse));
-  EXPECT_THROW(CFolder(scratch.Logs() + L"\\a.log"), Kestrel::HRX);  // a file is no folder
+  EXPECT_THROW(CFolder(scratch.Logs(L"plain.log")), Kestrel::HRX);  // a file is no folder
 }
 
 TEST(PlainFile, ReadOnlyFilesAreDeletedAndRenamesNeverReplaceUnasked) {
   Scratch scratch;
-  WriteText(scratch.root / "logs" / "ro.log", "ro");
-  ::SetFileAttributesW((scratch.root / "logs" / "ro.log").c_str(), FILE_ATTRIBUTE_READONLY);
-  WriteText(scratch.root / "logs" / "a.log", "a");
-  WriteText(scratch.root / "logs" / "b.log", "b");
+  WriteText(scratch.Logs(L"ro.log"), "ro");
+  ::SetFileAttributesW(scratch.Logs(L"ro.log").c_str(), FILE_ATTRIBUTE_READONLY);
+  WriteText(scratch.Logs(L"a.log"), "a");
+  WriteText(scratch.Logs(L"b.log"), "b");
   const CFolder folder(scratch.Logs());
   {
     Kestrel::PlainFile ro =
@@ -124,17 +110,17 @@ TEST(PlainFile, ReadOnlyFilesAreDeletedAndRenamesNeverReplaceUnasked) {
     ASSERT_TRUE(ro);
     EXPECT_TRUE(Kestrel::DeleteByHandle(ro.file.Get())) << ::GetLastError();
   }
-  EXPECT_FALSE(fs::exists(scratch.root / "logs" / "ro.log"));
+  EXPECT_FALSE(fs::exists(scratch.Logs(L"ro.log")));
 
   Kestrel::PlainFile a = OpenPlainFile(folder, L"a.log", GENERIC_READ | DELETE, FILE_SHARE_READ, OPEN_EXISTING);
   ASSERT_TRUE(a);
   EXPECT_FALSE(Kestrel::RenameByHandle(a.file.Get(), folder.Join(L"b.log"), false));
-  EXPECT_EQ(ReadText(scratch.root / "logs" / "b.log"), "b");
+  EXPECT_EQ(ReadBytes(scratch.Logs(L"b.log")), "b");
   EXPECT_TRUE(Kestrel::RenameByHandle(a.file.Get(), folder.Join(L"c.log"), false)) << ::GetLastError();
   EXPECT_TRUE(Kestrel::RenameByHandle(a.file.Get(), folder.Join(L"b.log"), true)) << ::GetLastError();
   a.file.Reset();
-  EXPECT_EQ(ReadText(scratch.root / "logs" / "b.log"), "a");
-  EXPECT_FALSE(fs::exists(scratch.root / "logs" / "a.log"));
+  EXPECT_EQ(ReadBytes(scratch.Logs(L"b.log")), "a");
+  EXPECT_FALSE(fs::exists(scratch.Logs(L"a.log")));
 }
 
 TEST(PlainFile, DirectlyInsideIsDecidedOnFinalPathsWithoutRegardToCase) {
@@ -170,8 +156,8 @@ TEST(FileTrust, OwnerAndEveryEntryThatGrantsWriteDecide) {
       {L"O:S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464D:(A;;FA;;;SY)", kService, true, L"", L""},
       {L"O:BUD:(A;;FA;;;SY)", kService, false, L"S-1-5-32-545", L"owns it"},
       {L"O:BAD:(A;;FA;;;SY)(A;;0x2;;;BU)", kService, false, L"S-1-5-32-545", L"may write to it"},  // write data
-      {L"O:BAD:(A;;0x4;;;AU)", kService, false, L"S-1-5-11", L"may write to it"},  // create subfolders
-      {L"O:BAD:(A;;0x40;;;WD)", kService, false, L"S-1-1-0", L"may write to it"},  // delete children
+      {L"O:BAD:(A;;0x4;;;AU)", kService, false, L"S-1-5-11", L"may write to it"},                  // create subfolders
+      {L"O:BAD:(A;;0x40;;;WD)", kService, false, L"S-1-1-0", L"may write to it"},                  // delete children
       {L"O:BAD:(A;;SD;;;BU)", kService, false, L"S-1-5-32-545", L"may write to it"},  // replace by deleting
       {L"O:BAD:(A;;WDWO;;;BU)", kService, false, L"S-1-5-32-545", L"may write to it"},
       {L"O:BAD:(A;;GA;;;BU)", kService, false, L"S-1-5-32-545", L"may write to it"},
@@ -206,17 +192,17 @@ TEST(FileTrust, OwnerAndEveryEntryThatGrantsWriteDecide) {
 
 TEST(FileTrust, WinesOwnFilesAndFoldersMadeForAdministratorsPass) {
   Scratch scratch;
-  WriteText(scratch.root / "logs" / "config.jsonc", "{}");
+  WriteText(scratch.Logs(L"config.jsonc"), "{}");
   // Wine gives every file to its own user with Everyone reading: trusted.
-  EXPECT_TRUE(Kestrel::JudgeFile(scratch.Logs() + L"\\config.jsonc").bTrusted);
+  EXPECT_TRUE(Kestrel::JudgeFile(scratch.Logs(L"config.jsonc")).bTrusted);
   EXPECT_TRUE(Kestrel::JudgeFile(scratch.Logs()).bTrusted);
   EXPECT_FALSE(Kestrel::ProcessAccountSid().empty());
 
-  const std::wstring nested = scratch.root.wstring() + L"\\made\\deeper\\";
+  const std::wstring nested = scratch.File(L"made\\deeper\\");
   Kestrel::CreateAdministratorsFolder(nested);
-  EXPECT_TRUE(fs::is_directory(scratch.root / "made" / "deeper"));
+  EXPECT_TRUE(fs::is_directory(nested));
   EXPECT_NO_THROW(Kestrel::CreateAdministratorsFolder(nested));  // existing and owned by this account
-  EXPECT_THROW(Kestrel::CreateAdministratorsFolder(scratch.Logs() + L"\\config.jsonc"), Kestrel::HRX);
+  EXPECT_THROW(Kestrel::CreateAdministratorsFolder(scratch.Logs(L"config.jsonc")), Kestrel::HRX);
 }
 
 }  // namespace

@@ -1,21 +1,6 @@
-// A second process for tests that need one. Each subcommand is one entry in
-// the table below:
-//
-//   test_helper hold FILE MS          holds FILE open without write sharing
-//   test_helper lock FILE MS          holds FILE open with no sharing at all
-//   test_helper sleep MS              sleeps, then exits with 0
-//   test_helper host-reconfigure      a watcher configured again while it runs
-//   test_helper host-watchdogs ROUNDS watchdogs configured from threads at once
-//   test_helper host-unload           unloads the module once IsLocked reports 0
-//   test_helper append FILE PREFIX COUNT keep|line
-//                                     appends "PREFIX N" lines 0..COUNT-1, a
-//                                     millisecond apart: "keep" holds one
-//                                     handle (read/write/delete sharing) and
-//                                     reopens it every 5 s, "line" opens the
-//                                     file for every line; a refused open is
-//                                     retried, so no line is dropped
-//
-// Exit code 0 on success, 2 on bad arguments, 1 when the work failed.
+// A second process for tests that need one: each subcommand is a row of
+// kCommands below, and a run without one lists them. Exit code 0 on success,
+// 2 on bad arguments, 1 when the work failed.
 
 #include <windows.h>
 // After windows.h, which it needs.
@@ -48,6 +33,7 @@ bool ParseUnsigned(const wchar_t* text, unsigned long& value) {
   return end != text && *end == L'\0';
 }
 
+// Holds FILE open for MS milliseconds, sharing only reading or nothing.
 int HoldShared(const Arguments& args, DWORD share) {
   unsigned long ms = 0;
   if (args.count < 2 || !ParseUnsigned(args.values[1], ms)) return 2;
@@ -101,11 +87,7 @@ int IsLocked(Host::ModuleHost& host) {
 
 Node Interval(const wchar_t* name, bool b64) {
   Node node;
-  if (b64) {
-    node.SetInt64(name, 1);
-  } else {
-    node.SetInt32(name, 1);
-  }
+  b64 ? node.SetInt64(name, 1) : node.SetInt32(name, 1);
   return node;
 }
 
@@ -233,7 +215,8 @@ int HostUnload(const Arguments&) {
   return 0;
 }
 
-// Opened anew while a packer or another writer holds the file for a moment.
+// Opened anew while a packer or another writer holds the file for a moment:
+// a refused open is retried, so no line is dropped.
 Handle OpenForAppend(const wchar_t* path) {
   for (;;) {
     Handle file(::CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
@@ -243,6 +226,9 @@ Handle OpenForAppend(const wchar_t* path) {
   }
 }
 
+// Appends "PREFIX N" lines for N = 0..COUNT-1, a millisecond apart: "keep"
+// holds one handle (sharing read, write and delete) and reopens it every 5 s,
+// "line" opens the file for every line.
 int Append(const Arguments& args) {
   unsigned long count = 0;
   if (args.count < 4 || !ParseUnsigned(args.values[2], count)) return 2;
@@ -274,12 +260,12 @@ struct Command {
 };
 
 const Command kCommands[] = {
-    {L"hold", L"hold FILE MS", &Hold},
-    {L"lock", L"lock FILE MS", &Lock},
-    {L"sleep", L"sleep MS", &SleepFor},
-    {L"host-reconfigure", L"host-reconfigure", &HostReconfigure},
-    {L"host-watchdogs", L"host-watchdogs ROUNDS", &HostWatchdogs},
-    {L"host-unload", L"host-unload", &HostUnload},
+    {L"hold", L"hold FILE MS               holds FILE open without write sharing", &Hold},
+    {L"lock", L"lock FILE MS               holds FILE open with no sharing at all", &Lock},
+    {L"sleep", L"sleep MS                   sleeps, then exits with 0", &SleepFor},
+    {L"host-reconfigure", L"host-reconfigure           a watcher configured again while it runs", &HostReconfigure},
+    {L"host-watchdogs", L"host-watchdogs ROUNDS      watchdogs configured from threads at once", &HostWatchdogs},
+    {L"host-unload", L"host-unload                unloads the module once IsLocked reports 0", &HostUnload},
     {L"append", L"append FILE PREFIX COUNT keep|line", &Append},
 };
 

@@ -16,7 +16,6 @@
 #include <fstream>
 #include <future>
 #include <map>
-#include <mutex>
 #include <set>
 
 #include "Boundary.h"
@@ -25,7 +24,8 @@
 #include "ErrorHandling.h"
 #include "Handle.h"
 #include "LazySingleton.h"
-#include "Links.h"
+#include "Files.h"
+#include "LogCapture.h"
 #include "LogPackerConfiguration.h"
 #include "LogPackerRun.h"
 #include "Processes.h"
@@ -40,6 +40,8 @@
 namespace fs = std::filesystem;
 using Kestrel::PackerRules::ArchiveName;
 using Kestrel::Detail::IsRefreshDue;
+using TestSupport::ListFiles;
+using TestSupport::WaitUntilHeld;
 using Lines = std::vector<std::pair<unsigned, std::wstring>>;
 using Packer = Kestrel::CLazySingleton<Kestrel::CLogPackerConfiguration>;
 using WatchDog = Kestrel::CLazySingleton<Kestrel::CWatchDogConfiguration>;
@@ -164,25 +166,11 @@ void MakeLog(const fs::path& folder, const std::wstring& name, std::uint64_t siz
   SetAge(folder / L"logs" / name, age);
 }
 
-std::string ReadAll(const fs::path& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(stream), {});
-}
+std::string ReadAll(const fs::path& path) { return TestSupport::ReadBytes(path); }
 
 bool Untouched(const fs::path& folder, const std::wstring& name) {
   return fs::is_regular_file(folder / L"logs" / name) &&
          ReadAll(folder / L"logs" / name) == ReadAll(folder / L"originals" / name);
-}
-
-// Plain files matching `mask`, in the order the folder lists them.
-std::vector<std::wstring> ListFiles(const fs::path& folder, const std::wstring& mask) {
-  std::vector<std::wstring> names;
-  WIN32_FIND_DATAW data;
-  FindHandle search(::FindFirstFileW((folder / mask).c_str(), &data));
-  for (bool more = search.IsValid(); more; more = ::FindNextFileW(search.Get(), &data)) {
-    if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.emplace_back(data.cFileName);
-  }
-  return names;
 }
 
 // The archives the tests' runs made, oldest first (the one of 2020 is planted).
@@ -222,27 +210,11 @@ void ExpectSurvivor(const fs::path& folder, const std::wstring& name, const wcha
   Manifest(folder, L"survivors.tsv", name + L"\toriginals\\" + name + L'\t' + mode);
 }
 
-// Keeps the module's error, warning and information lines per source while it lives.
-class LogCapture final : VHLogger::Detail::IFormatter {
- public:
-  LogCapture() { VHLogger::GetLogger().SetFormatter(this); }
-  ~LogCapture() override { VHLogger::GetLogger().SetFormatter(nullptr); }
-  Lines Errors(const std::wstring& source) const { return Get(2, source); }
-  Lines Warnings(const std::wstring& source) const { return Get(3, source); }
-  Lines Infos(const std::wstring& source) const { return Get(4, source); }
-
- private:
-  void Format(std::wstring&, unsigned severity, const wchar_t* source, unsigned number, std::wstring_view message,
-              int, const SYSTEMTIME*) const override {
-    std::lock_guard<std::mutex> lock(m_mutex);  // the worker thread logs too
-    if (severity >= 2 && severity <= 4) m_lines[{severity, source ? source : L""}].emplace_back(number, message);
-  }
-  Lines Get(unsigned severity, const std::wstring& source) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_lines[{severity, source}];
-  }
-  mutable std::mutex m_mutex;
-  mutable std::map<std::pair<unsigned, std::wstring>, Lines> m_lines;
+// The module's lines of one source, by severity.
+struct LogCapture : TestSupport::LogCapture {
+  ::Lines Errors(const std::wstring& source) const { return Messages(L"ERR", source); }
+  ::Lines Warnings(const std::wstring& source) const { return Messages(L"WARN", source); }
+  ::Lines Infos(const std::wstring& source) const { return Messages(L"INFO", source); }
 };
 
 // Threads of this process, by Toolhelp snapshot.
@@ -262,20 +234,10 @@ std::size_t CountThreads() {
 TestSupport::Process StartPackingChild(const fs::path& logs, const std::wstring& ready = {}) {
   std::vector<std::pair<std::wstring, std::wstring>> environment{{L"WD64_PACK_CHILD_LOGS", logs.wstring()}};
   if (!ready.empty()) environment.emplace_back(L"WD64_PACK_CHILD_READY", ready);
-  return TestSupport::StartSelf(L"LogPackerChild.Packs*", environment);
+  return TestSupport::StartSelf(L"LogPackerChild.*", environment);
 }
 
 std::vector<std::wstring> PackerOwnFiles(const fs::path& logs) { return ListFiles(logs, L"~wd64*"); }
-
-// Waits (generously: a second process may be slow to start under Wine)
-// until another process holds `path` without sharing.
-bool WaitUntilHeld(const fs::path& path) {
-  for (int i = 0; i < 3000; ++i, ::Sleep(10)) {
-    Handle probe(::CreateFileW(path.c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr));
-    if (!probe && ::GetLastError() == ERROR_SHARING_VIOLATION) return true;
-  }
-  return false;
-}
 
 }  // namespace
 
@@ -675,25 +637,23 @@ TEST(LogPackerRun, PublishesLastAndPacksEachFileOnceReadOnlyOrUndeletable) {
   EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
 }
 
-// A second process for the fault tests: packs the folder they name.
-TEST(LogPackerChild, PacksTheFolderNamedInTheEnvironment) {
-  const wchar_t* logs = ::_wgetenv(L"WD64_PACK_CHILD_LOGS");
-  if (logs == nullptr) GTEST_SKIP() << "started by the fault tests as a second process";
-  if (const wchar_t* ready = ::_wgetenv(L"WD64_PACK_CHILD_READY")) {
-    Handle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, ready));
-    ::SetEvent(event.Get());
-  }
-  EXPECT_EQ(PackOnce(PackerNode(logs, 24, 100, L"*.log", 3650)), S_OK);
-}
-
-// A second process for the live-log test: numbered lines through the module's
-// own file logger, into the folder GS_Logger_Path names.
-TEST(LogPackerChild, WritesNumberedLinesToTheModuleLog) {
-  const wchar_t* count = ::_wgetenv(L"WD64_LOG_CHILD_LINES");
-  if (count == nullptr) GTEST_SKIP() << "started by the live-log test as a second process";
-  for (unsigned long i = 0, n = std::wcstoul(count, nullptr, 10); i < n; ++i) {
-    VH_LOG(VHLogger::SEV_INFO, L"LiveLog", L"wdlog " << i);
-    ::Sleep(1);
+// A second process for the fault tests: packs the folder they name once, or
+// writes numbered lines through the module's own file logger into the folder
+// GS_Logger_Path names.
+TEST(LogPackerChild, PacksOrWritesWhatTheEnvironmentNames) {
+  if (const wchar_t* logs = ::_wgetenv(L"WD64_PACK_CHILD_LOGS")) {
+    if (const wchar_t* ready = ::_wgetenv(L"WD64_PACK_CHILD_READY")) {
+      Handle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, ready));
+      ::SetEvent(event.Get());
+    }
+    EXPECT_EQ(PackOnce(PackerNode(logs, 24, 100, L"*.log", 3650)), S_OK);
+  } else if (const wchar_t* count = ::_wgetenv(L"WD64_LOG_CHILD_LINES")) {
+    for (unsigned long i = 0, n = std::wcstoul(count, nullptr, 10); i < n; ++i) {
+      VH_LOG(VHLogger::SEV_INFO, L"LiveLog", L"wdlog " << i);
+      ::Sleep(1);
+    }
+  } else {
+    GTEST_SKIP() << "started by the fault tests as a second process";
   }
 }
 
@@ -802,7 +762,7 @@ TEST(LogPackerFaults, LogsBeingWrittenLoseNoLine) {
   TestSupport::Process keep = writer(L"keep", L"5000"), line = writer(L"line", L"2500");
   // And the module's own logger, which keeps its handle for 5 s.
   TestSupport::Process module = TestSupport::StartSelf(
-      L"LogPackerChild.WritesNumbered*", {{L"GS_Logger_Path", logs.wstring()}, {L"WD64_LOG_CHILD_LINES", L"4000"}});
+      L"LogPackerChild.*", {{L"GS_Logger_Path", logs.wstring()}, {L"WD64_LOG_CHILD_LINES", L"4000"}});
   const NodePtr node = PackerNode(logs, 24, 0);  // every file with a byte in it
   for (int run = 0; run < 10; ++run) {
     ::Sleep(600);

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include "Links.h"
 
@@ -27,6 +28,27 @@ inline std::wstring ReadUtf16(const std::filesystem::path& path) {
 
 inline void WriteText(const std::filesystem::path& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// Plain files matching `mask`, in the order the folder lists them.
+inline std::vector<std::wstring> ListFiles(const std::filesystem::path& folder, const std::wstring& mask) {
+  std::vector<std::wstring> names;
+  WIN32_FIND_DATAW data;
+  FindHandle search(::FindFirstFileW((folder / mask).c_str(), &data));
+  for (bool more = search.IsValid(); more; more = ::FindNextFileW(search.Get(), &data)) {
+    if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.emplace_back(data.cFileName);
+  }
+  return names;
+}
+
+// Waits (generously: a second process may be slow to start under Wine) until
+// another process holds `path` against `access` with every sharing mode.
+inline bool WaitUntilHeld(const std::filesystem::path& path, DWORD access = GENERIC_READ) {
+  for (int i = 0; i < 3000; ++i, ::Sleep(10)) {
+    Handle probe(::CreateFileW(path.c_str(), access, 7, nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!probe && ::GetLastError() == ERROR_SHARING_VIOLATION) return true;
+  }
+  return false;
 }
 
 // A fresh folder under %TEMP% named after `stem`, this process and a count.

@@ -2,8 +2,10 @@
 // The module's log lines as the logger formats them, kept while the capture
 // lives: the one capture the test programs share.
 
+#include <cwchar>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "logger/Logger.h"
@@ -11,10 +13,11 @@
 
 namespace TestSupport {
 
-// Where a depth 0 message starts in a line whose source fits its column.
-constexpr std::size_t kMessageColumn = 79;
+// Where a depth 0 message starts in a line whose source fits its column, and
+// where the severity tag ("ERR ", "WARN", "INFO", "DBG ") and the source start.
+constexpr std::size_t kMessageColumn = 79, kTagColumn = 26, kSourceColumn = 46;
 
-class LogCapture final : public VHLogger::Detail::ILogWriter {
+class LogCapture : public VHLogger::Detail::ILogWriter {
  public:
   LogCapture() : m_bInstalled(VHLogger::AddLogWriter(this)) {}
   ~LogCapture() override { VHLogger::RemoveLogWriter(this); }
@@ -47,6 +50,22 @@ class LogCapture final : public VHLogger::Detail::ILogWriter {
     for (const std::wstring& line : Lines())
       if (line.find(piece) != std::wstring::npos) return line.substr(0, line.size() - 2);
     return {};
+  }
+  // The messages of `source` whose tag starts with `tag`, with their line
+  // numbers, without the indentation of their depth.
+  std::vector<std::pair<unsigned, std::wstring>> Messages(const std::wstring& tag, const std::wstring& source) const {
+    std::vector<std::pair<unsigned, std::wstring>> messages;
+    for (const std::wstring& line : Lines()) {
+      const std::size_t end = line.find(L'|', kSourceColumn), colon = line.rfind(L':', end);
+      if (line.compare(kTagColumn, tag.size(), tag) != 0 || colon == std::wstring::npos || colon < kSourceColumn ||
+          line.compare(kSourceColumn, colon - kSourceColumn, source) != 0) {
+        continue;
+      }
+      const std::size_t text = line.find_first_not_of(L' ', end + 1);
+      messages.emplace_back(std::wcstoul(line.c_str() + colon + 1, nullptr, 10),
+                            line.substr(text, line.size() - 2 - text));
+    }
+    return messages;
   }
   std::size_t Count(const std::wstring& piece) const {
     std::size_t count = 0;

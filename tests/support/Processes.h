@@ -105,18 +105,20 @@ inline bool WaitForServiceState(const ServiceHandle& service, DWORD wanted, int 
   return false;
 }
 
-// test_service.exe registered under `name` and started; stopped and deleted
-// on destruction. One left over by an interrupted run goes first.
+// test_service.exe registered under `name` and started (with a display name
+// of its own: left stopped); stopped and deleted on destruction. One left
+// over by an interrupted run goes first.
 struct TestService {
-  explicit TestService(std::wstring serviceName, const std::wstring& extraArgs = L"")
+  explicit TestService(std::wstring serviceName, const std::wstring& extraArgs = L"",
+                       const wchar_t* stoppedDisplayName = nullptr)
       : name(std::move(serviceName)), manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)) {
     if (ServiceHandle stale{::OpenServiceW(manager.Get(), name.c_str(), SERVICE_ALL_ACCESS)}) Remove(stale);
     const std::wstring command = L"\"" + Kestrel::ModuleDirectory() + L"test_service.exe\" " + name + L" " + extraArgs;
-    service.Reset(::CreateServiceW(manager.Get(), name.c_str(), name.c_str(), SERVICE_ALL_ACCESS,
-                                   SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE,
-                                   command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+    service.Reset(::CreateServiceW(manager.Get(), name.c_str(), stoppedDisplayName ? stoppedDisplayName : name.c_str(),
+                                   SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
+                                   SERVICE_ERROR_IGNORE, command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_TRUE(service) << "CreateServiceW: " << ::GetLastError();
-    EXPECT_TRUE(Start() && WaitForServiceState(service, SERVICE_RUNNING, 60));
+    EXPECT_TRUE(stoppedDisplayName || (Start() && WaitForServiceState(service, SERVICE_RUNNING, 60)));
   }
   ~TestService() { EXPECT_TRUE(!service || Remove(service)) << ::GetLastError(); }
   bool Start() { return ::StartServiceW(service.Get(), 0, nullptr) != FALSE; }

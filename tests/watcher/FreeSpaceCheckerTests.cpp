@@ -5,7 +5,6 @@
 
 #include <limits>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <tuple>
@@ -15,7 +14,7 @@
 #include "FreeSpaceChecker.h"
 #include "platform/ModulePath.h"
 #include "logger/Logger.h"
-#include "logger/detail/LogInterfaces.h"
+#include "LogCapture.h"
 #include "rules/WatchGroupRules.h"
 #include "subsystems/auditarchive/common/storage_path_toolset.h"
 
@@ -122,20 +121,6 @@ TEST(FreeSpaceChecker, ReportsByStateAndResendTimeoutAcrossATickWrap) {
   EXPECT_TRUE(recovery.services.empty());
 }
 
-// Lines of the watcher's source, as "TAG|message".
-struct WatcherLines final : VHLogger::Detail::ILogWriter {
-  WatcherLines() { VHLogger::AddLogWriter(this); }
-  ~WatcherLines() override { VHLogger::RemoveLogWriter(this); }
-  void Write(const wchar_t* text, std::size_t length) noexcept override {
-    const std::wstring line(text, length);
-    if (line.find(L"| FreeSpaceWatcher:") == std::wstring::npos) return;
-    const std::lock_guard<std::mutex> lock(mutex);
-    lines.push_back(line.substr(26, 4) + L"|" + line.substr(line.find(L"|", 60) + 2));
-  }
-  std::mutex mutex;
-  std::vector<std::wstring> lines;
-};
-
 // Also shows that the filter and transform under it read each element once.
 TEST(FreeSpaceChecker, SamplesQueryEachPathOnceAndAnUnreadablePathIsAWarningOnce) {
   const std::wstring gone = L"X:\\gone-\u65E5\u672C";
@@ -147,7 +132,7 @@ TEST(FreeSpaceChecker, SamplesQueryEachPathOnceAndAnUnreadablePathIsAWarningOnce
     if (path == gone && bMissing) Kestrel::ThrowWin32(ERROR_PATH_NOT_FOUND);
     return path == L"huge" ? std::numeric_limits<std::uint64_t>::max() : std::uint64_t{42 * kMB};
   };
-  WatcherLines log;
+  const TestSupport::LogCapture log;
   const PathList paths = Names({L"a", gone, L"huge", L"a"});
   // Read from the stored samples: no disk is asked again.
   EXPECT_EQ(FormatPathList(TakeSamples(paths, query, unreadable)->GetEnumerator()),
@@ -159,12 +144,13 @@ TEST(FreeSpaceChecker, SamplesQueryEachPathOnceAndAnUnreadablePathIsAWarningOnce
   }
 
   std::vector<std::wstring> tags;
-  for (const std::wstring& line : log.lines) {
-    if (line.find(gone) == std::wstring::npos) continue;
-    tags.push_back(line.substr(0, 4));
-    if (line[0] == L'W') {
-      EXPECT_EQ(line.find(L"WARN|Failed to get free space in \"" + gone + L"\": 0x80070003 "), 0u) << line;
+  for (const std::wstring& line : log.Lines()) {
+    if (line.find(gone) != std::wstring::npos && line.find(L"| FreeSpaceWatcher:") != std::wstring::npos) {
+      tags.push_back(line.substr(TestSupport::kTagColumn, 4));
     }
+  }
+  for (const auto& [number, text] : log.Messages(L"WARN", L"FreeSpaceWatcher")) {
+    EXPECT_EQ(text.rfind(L"Failed to get free space in \"" + gone + L"\": 0x80070003 ", 0), 0u) << text;
   }
   // WARN on the first failing cycle, DBG while it goes on, INFO when it can be
   // read again, and WARN once more when it fails anew.
