@@ -27,6 +27,7 @@
 #include "Links.h"
 #include "metrics/Metrics.h"
 #include "module/ModuleHost.h"
+#include "module/Nodes.h"
 #include "platform/ModulePath.h"
 #include "Processes.h"
 #include "platform/FileTrust.h"
@@ -75,7 +76,8 @@ json Group(const std::vector<std::wstring>& paths, const std::vector<std::wstrin
 }
 
 Host::Config Watching(const std::vector<json>& groups) {
-  return Host::ParseConfig(json{{"freeSpaceWatcher", {{"groups", groups}}}}.dump(), L"metrics test",
+  return Host::ParseConfig(json{{"freeSpaceWatcher", {{"ActionsPerformIntervalSec", 1}, {"groups", groups}}}}.dump(),
+                           L"metrics test",
                            Kestrel::ModuleDirectory());
 }
 
@@ -317,15 +319,29 @@ TEST(MetricsWriter, ReportsRealFoldersServicesAndPackRuns) {
       .Value("wd64_logpacker_files_packed_total", {}, 0)
       .Absent("wd64_logpacker_last_run_timestamp_seconds")
       .Absent("wd64_logpacker_last_run_success")
+      .Absent("wd64_logpacker_archives")
+      .Absent("wd64_group_services_stopped", {{"group", "0"}})  // no watcher is running
+      .Absent("wd64_group_recoveries_total", {{"group", "0"}})
       .Range("wd64_host_start_time_seconds", {}, startSeconds - 0.01, startSeconds + 0.01)
       .Save();
 
-  ASSERT_TRUE(service.Stop());
+  // The watcher itself stops the service for group 0, and says so.
+  auto watcher = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher, L"watcher");
+  ASSERT_EQ(watcher->Configure(config.WatcherNode().Get()), S_OK);
+  auto stopped = [&, lister = watcher.As<IVHRequestProcessor>()] {
+    HVHNODE response = nullptr;
+    Host::Node request;
+    request.SetName(L"ListGroups");
+    const bool listed = SUCCEEDED(lister->ProcessRequest(request.Get(), &response));
+    return listed && Host::Node(response).Child(0).GetInteger(L"ServicesStopped") == 1 && service.State() == SERVICE_STOPPED;
+  };
+  for (int waited = 0; !stopped() && waited < 60000; waited += 20) Sleep(20);
   Host::MetricsWriter second((Artifacts() / "real-service-stopped.prom").wstring(), config, host);
+  second.WatchedBy(watcher.As<IVHRequestProcessor>());
   const auto finished = std::chrono::system_clock::now();
-  second.RecordPackRun({finished - std::chrono::hours(1), S_OK, L"C:\\logs\\logs_1.zip", 4, 4000, 1});
-  second.RecordPackRun({finished - std::chrono::minutes(1), E_ACCESSDENIED, L"", 0, 0, 3});
-  second.RecordPackRun({finished, S_OK, L"C:\\logs\\logs_2.zip", 2, 123456789012, 0});
+  second.RecordPackRun({finished - std::chrono::hours(1), S_OK, L"C:\\logs\\logs_1.zip", 4, 4000, 1, 2, 5, 9000});
+  second.RecordPackRun({finished - std::chrono::minutes(1), E_ACCESSDENIED, L"", 0, 0, 3, 0, {}, {}});
+  second.RecordPackRun({finished, S_OK, L"C:\\logs\\logs_2.zip", 2, 123456789012, 0, 1, 3, 5000});
   const double finishedSeconds = std::chrono::duration<double>(finished.time_since_epoch()).count();
   write(second, "real-service-stopped.prom", 0)
       .Value("wd64_logpacker_runs_total", {}, 3)
@@ -335,7 +351,14 @@ TEST(MetricsWriter, ReportsRealFoldersServicesAndPackRuns) {
       .Value("wd64_logpacker_files_skipped_total", {}, 4)
       .Range("wd64_logpacker_last_run_timestamp_seconds", {}, finishedSeconds - 0.001, finishedSeconds + 0.001)
       .Value("wd64_logpacker_last_run_success", {}, 1)
+      .Value("wd64_logpacker_archives_deleted_total", {}, 3)
+      .Value("wd64_logpacker_archives", {}, 3)
+      .Value("wd64_logpacker_archive_bytes", {}, 5000)
+      .Value("wd64_group_services_stopped", {{"group", "0"}}, 1)
+      .Value("wd64_group_services_stopped", {{"group", "1"}}, 0)
+      .Value("wd64_group_recoveries_total", {{"group", "0"}}, 0)
       .Save();
+  EXPECT_EQ(watcher.As<IVHShutdownable>()->Shutdown(), S_OK);
   SetEnvironmentVariableW(L"WD64_METRICS_FOLDER", nullptr);
   EXPECT_EQ(Temporaries(Artifacts()), 0);
 }
