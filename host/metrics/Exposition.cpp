@@ -109,6 +109,19 @@ std::string RenderMetrics(const std::vector<GroupSample>& groups, const PackTota
     out.Sample("wd64_group_level", {{"group", group.label}},
                static_cast<std::uint64_t>(GroupLevel(free, group.bounds)));
   }
+  out.Family("wd64_group_services_stopped", "gauge",
+             "1 while the watcher holds the services it stopped for a watch group, else 0; no sample without a "
+             "running watcher.");
+  for (const GroupSample& group : groups) {
+    if (group.servicesStopped)
+      out.Sample("wd64_group_services_stopped", {{"group", group.label}}, *group.servicesStopped ? 1u : 0u);
+  }
+  out.Family("wd64_group_recoveries_total", "counter",
+             "Recovery events the watcher sent for a watch group since it was configured.");
+  for (const GroupSample& group : groups) {
+    if (group.recoveries)
+      out.Sample("wd64_group_recoveries_total", {{"group", group.label}}, static_cast<std::uint64_t>(*group.recoveries));
+  }
   out.Family("wd64_service_up", "gauge", "1 when a configured service is running, else 0.");
   for (const GroupSample& group : groups) {
     if (!group.servicesKnown) continue;
@@ -134,6 +147,15 @@ std::string RenderMetrics(const std::vector<GroupSample>& groups, const PackTota
   out.Family("wd64_logpacker_files_skipped_total", "counter",
              "Selected log files left on disk for a later run since the host started.");
   out.Sample("wd64_logpacker_files_skipped_total", {}, totals.skipped);
+  out.Family("wd64_logpacker_archives", "gauge",
+             "The packer's archives in the logs folder as of the last pack run; no sample before the first.");
+  if (totals.archives) out.Sample("wd64_logpacker_archives", {}, *totals.archives);
+  out.Family("wd64_logpacker_archive_bytes", "gauge",
+             "Bytes of the packer's archives in the logs folder as of the last pack run; no sample before the first.");
+  if (totals.archivesBytes) out.Sample("wd64_logpacker_archive_bytes", {}, *totals.archivesBytes);
+  out.Family("wd64_logpacker_archives_deleted_total", "counter",
+             "Archives the retention limits deleted since the host started.");
+  out.Sample("wd64_logpacker_archives_deleted_total", {}, totals.deletedArchives);
   out.Family("wd64_logpacker_last_run_timestamp_seconds", "gauge",
              "When the last pack run finished, in Unix seconds; no sample before the first run.");
   if (totals.last)

@@ -29,11 +29,16 @@ struct GroupSample {
   std::vector<PathSample> paths;
   std::vector<ServiceSample> services;
   bool servicesKnown = false;  // false when the service manager could not be asked
+  // What the running watcher says of the group; empty without one.
+  std::optional<bool> servicesStopped;
+  std::optional<std::int64_t> recoveries;
 };
 
 struct PackTotals {
-  std::uint64_t runs = 0, failures = 0, files = 0, bytes = 0, skipped = 0;
+  std::uint64_t runs = 0, failures = 0, files = 0, bytes = 0, skipped = 0, deletedArchives = 0;
   std::optional<PackRunResult> last;
+  // As of the last run that counted them.
+  std::optional<std::uint64_t> archives, archivesBytes;
 };
 
 // The file's text: every family, each path, bound, level and service of the

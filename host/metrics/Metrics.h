@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "module/ModuleHost.h"
 #include "rules/WatchGroupRules.h"
 #include "runner/PackRun.h"
 
 namespace Host {
 
-class ModuleHost;
 struct Config;
 struct Section;
 
@@ -37,6 +37,9 @@ class MetricsWriter {
 
   const std::wstring& Path() const noexcept;
   void RecordPackRun(const PackRunResult& run);
+  // The running free-space watcher, asked at each write how its groups stand
+  // ("ListGroups"); without one the group state families have no samples.
+  void WatchedBy(ComponentRef<IVHRequestProcessor> watcher);
   // Collects every family and replaces the file. Never throws: returns false
   // with a text for people in `error` when the file could not be written.
   // `notes` receives what the write left alone (a link named like a stale

@@ -107,10 +107,12 @@ struct MetricsWriter::State {
 
   std::mutex writeLock;  // one collection and replace at a time
   ComponentRef<IVHRequestProcessor> diskManager;
+  ComponentRef<IVHRequestProcessor> watcher;
 
   std::vector<std::optional<std::uint64_t>> FreeSpace(const std::vector<std::wstring>& paths);
   bool QueryFreeSpace(const std::vector<std::wstring>& paths, std::vector<std::optional<std::uint64_t>>& out);
   void Services(std::vector<GroupSample>& groups);
+  void WatcherGroups(std::vector<GroupSample>& groups);
   std::vector<GroupSample> Collect();
 };
 
@@ -171,6 +173,28 @@ void MetricsWriter::State::Services(std::vector<GroupSample>& groups) {
   }
 }
 
+// The watcher's own word on each group; a group it does not list, or a
+// failed request, gives no samples rather than a guess.
+void MetricsWriter::State::WatcherGroups(std::vector<GroupSample>& groups) {
+  if (!watcher) return;
+  Node request;
+  request.SetName(L"ListGroups");
+  HVHNODE response = nullptr;
+  if (FAILED(watcher->ProcessRequest(request.Get(), &response))) return;
+  const Node owned(response);
+  for (std::uint32_t i = 0, count = owned ? owned.ChildCount() : 0; i < count; ++i) {
+    const Node child = owned.Child(i);
+    const std::wstring name = child.Name();
+    if (name.empty() || name.find_first_not_of(L"0123456789") != std::wstring::npos || name.size() > 9) continue;
+    const std::size_t index = std::stoul(name);
+    const auto stopped = child.GetInteger(L"ServicesStopped");
+    const auto recoveries = child.GetInteger(L"Recoveries");
+    if (index >= groups.size() || !stopped || !recoveries) continue;
+    groups[index].servicesStopped = *stopped != 0;
+    groups[index].recoveries = *recoveries;
+  }
+}
+
 std::vector<GroupSample> MetricsWriter::State::Collect() {
   std::vector<GroupSample> groups;
   if (!config.watcher) return groups;
@@ -203,6 +227,7 @@ std::vector<GroupSample> MetricsWriter::State::Collect() {
     for (PathSample& path : group.paths) path.freeBytes = free[next++];
   }
   Services(groups);
+  WatcherGroups(groups);
   return groups;
 }
 
@@ -221,7 +246,17 @@ void MetricsWriter::RecordPackRun(const PackRunResult& run) {
   totals.files += run.files;
   totals.bytes += run.bytes;
   totals.skipped += run.skipped;
+  totals.deletedArchives += run.deletedArchives;
+  if (run.archives) {
+    totals.archives = run.archives;
+    totals.archivesBytes = run.archivesBytes;
+  }
   totals.last = run;
+}
+
+void MetricsWriter::WatchedBy(ComponentRef<IVHRequestProcessor> watcher) {
+  const std::lock_guard lock(m_state->writeLock);
+  m_state->watcher = std::move(watcher);
 }
 
 bool MetricsWriter::Write(std::wstring* error, std::wstring* notes) {

@@ -15,6 +15,11 @@ PackRunResult ReadPackReport(HRESULT hr, const Node& response) {
   run.hr = hr;
   if (FAILED(hr) || !response) return run;
   run.archive = response.GetString(L"ArchivePath").value_or(L"");
+  const auto archives = response.GetInteger(L"Archives"), archivesBytes = response.GetInteger(L"ArchivesBytes");
+  if (archives && archivesBytes) {
+    run.archives = static_cast<std::uint64_t>(*archives);
+    run.archivesBytes = static_cast<std::uint64_t>(*archivesBytes);
+  }
   for (std::uint32_t i = 0, count = response.ChildCount(); i < count; ++i) {
     const Node child = response.Child(i);
     const std::wstring type = child.Type();
@@ -23,6 +28,8 @@ PackRunResult ReadPackReport(HRESULT hr, const Node& response) {
       run.bytes += static_cast<std::uint64_t>(child.GetInteger(L"Bytes").value_or(0));
     } else if (type == L"SkippedFile") {
       ++run.skipped;
+    } else if (type == L"DeletedArchive") {
+      ++run.deletedArchives;
     }
   }
   return run;

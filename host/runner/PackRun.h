@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "components/ComponentInterfaces.h"
@@ -22,6 +23,10 @@ struct PackRunResult {
   std::uint64_t files = 0;    // files packed
   std::uint64_t bytes = 0;    // their bytes before packing
   std::uint64_t skipped = 0;  // selected files left on disk for a later run
+  std::uint64_t deletedArchives = 0;  // earlier archives the retention deleted
+  // The packer's archives in the folder after the run; empty when the
+  // module did not count them.
+  std::optional<std::uint64_t> archives, archivesBytes;
 };
 
 // The folder and mask a configuration packs, for people to read.

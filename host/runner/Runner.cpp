@@ -74,6 +74,7 @@ class Components {
   ~Components() { Stop(); }
 
   const ComponentRef<IVHConfigurable>& Packer() const noexcept { return m_packer.component; }
+  const ComponentRef<IVHConfigurable>& Watcher() const noexcept { return m_watcher.component; }
 
  private:
   struct Started {
@@ -141,6 +142,7 @@ int RunComponents(ModuleHost& host, const Config& config, HANDLE stopEvent, cons
     if (!metricsPath.empty()) {
       const std::int64_t interval = config.metrics ? config.metrics->intervalSeconds : MetricsConfig{}.intervalSeconds;
       metrics = std::make_unique<MetricsJob>(metricsPath, config, host);
+      metrics->Writer().WatchedBy(components.Watcher().As<IVHRequestProcessor>());
       Say("metrics: written to %s every %lld s", Narrow(metricsPath).c_str(), static_cast<long long>(interval));
       scheduler.Every(static_cast<std::uint64_t>(interval) * 1000, [&] { metrics->Write(); });
     }

@@ -80,7 +80,8 @@ TEST(Components, EachClassExposesExactlyItsInterfacesUnderOneCount) {
     std::vector<const GUID*> has;
   } cases[] = {
       {"DiskManager", CLSID_DiskManager, {&IVHDiskManager::IID, &IVHRequestProcessor::IID}},
-      {"FreeSpaceWatcher", CLSID_FreeSpaceWatcher, {&IVHConfigurable::IID, &IVHShutdownable::IID}},
+      {"FreeSpaceWatcher", CLSID_FreeSpaceWatcher,
+       {&IVHConfigurable::IID, &IVHShutdownable::IID, &IVHRequestProcessor::IID}},
       {"LogPacker", CLSID_LogPacker, {&IVHLogPacker::IID, &IVHConfigurable::IID, &IVHRequestProcessor::IID}},
       {"ProcessManager", CLSID_ProcessManager, {&IVHProcessManager::IID, &IVHRequestProcessor::IID}},
       {"WatchDog", CLSID_WatchDog, {&IVHWatchDog::IID, &IVHConfigurable::IID, &IVHShutdownable::IID}},

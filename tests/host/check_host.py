@@ -398,6 +398,11 @@ class RunAndFaults(unittest.TestCase):
         self.assertEqual(samples[("wd64_logpacker_failures_total", ())], 0)
         self.assertGreaterEqual(samples[("wd64_logpacker_runs_total", ())], 2)
         self.assertEqual(samples[("wd64_logpacker_last_run_success", ())], 1)
+        # Counted by the packer without any retention limit; nothing deleted.
+        zips = [os.path.join(logs, name) for name in os.listdir(logs) if name.startswith("logs_")]
+        self.assertEqual(samples[("wd64_logpacker_archives", ())], 1)
+        self.assertEqual(samples[("wd64_logpacker_archive_bytes", ())], os.path.getsize(zips[0]))
+        self.assertEqual(samples[("wd64_logpacker_archives_deleted_total", ())], 0)
         self.assertEqual(samples[("wd64_build_info", (("version", "7.0.127.0"),))], 1)
         self.assertFalse([name for name in os.listdir(base) if name.endswith(".tmp")])
 

@@ -566,6 +566,11 @@ TEST(LogPackerRun, RetentionDeletesOnlyItsOwnArchivesBeyondTheLimitsOldestFirst)
   for (const wchar_t* name : {L"logs_19990101000000.zip", L"logs_19990102000000.zip"}) {
     EXPECT_EQ(ReadAll(logs / name), "outside") << name;  // the links and what they lead to
   }
+  std::int64_t left[2] = {};  // the run's own archive; links named like archives do not count
+  EXPECT_TRUE(report.TryGetAttribute(L"Archives", VHN_TYPE_INT64, &left[0], 8) &&
+              report.TryGetAttribute(L"ArchivesBytes", VHN_TYPE_INT64, &left[1], 8));
+  EXPECT_EQ(left[0], 1);
+  EXPECT_EQ(left[1], static_cast<std::int64_t>(fs::file_size(logs / RunArchives(logs).back())));
 }
 
 TEST(LogPackerRun, PublishesLastAndPacksEachFileOnceReadOnlyOrUndeletable) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -17,13 +18,13 @@
 #include "DataLayer/NodePtr.h"
 #include "FreeSpaceChecker.h"
 #include "Handle.h"
+#include "LogCapture.h"
+#include "Links.h"
 #include "platform/ModulePath.h"
 #include "Processes.h"
 #include "ServiceHandle.h"
 #include "WorkerPeriod.h"
 #include "components/ComponentsCommon.h"
-#include "logger/Logger.h"
-#include "logger/detail/LogInterfaces.h"
 
 namespace {
 
@@ -84,20 +85,7 @@ bool WaitFor(const std::function<bool()>& done, std::chrono::seconds limit = std
   return done();
 }
 
-struct LogCapture final : VHLogger::Detail::ILogWriter {
-  LogCapture() { VHLogger::AddLogWriter(this); }
-  ~LogCapture() override { VHLogger::RemoveLogWriter(this); }
-  void Write(const wchar_t* text, std::size_t length) noexcept override {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_sText.append(text, length);
-  }
-  std::wstring Text() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_sText;
-  }
-  std::mutex m_mutex;
-  std::wstring m_sText;
-};
+using TestSupport::LogCapture;
 
 // Named at load time: the event writers read the setting once per process.
 const std::wstring g_sEventsFile = [] {
@@ -122,12 +110,32 @@ struct Watcher {
                                                     reinterpret_cast<void**>(&pConfigurable)),
               S_OK);
     pConfigurable->QueryInterface(&IVHShutdownable::IID, reinterpret_cast<void**>(&pShutdownable));
+    pConfigurable->QueryInterface(&IVHRequestProcessor::IID, reinterpret_cast<void**>(&pProcessor));
   }
-  ~Watcher() { pShutdownable->Release(), pConfigurable->Release(); }
+  ~Watcher() { pProcessor->Release(), pShutdownable->Release(), pConfigurable->Release(); }
   HRESULT Configure(const NodePtr& config) { return pConfigurable->Configure(config.Get()); }
   HRESULT Shutdown() { return pShutdownable->Shutdown(); }
+  // "ListGroups" as "NAME:TYPE:State,ServicesStopped,Recoveries " per group; "" when refused.
+  std::wstring Groups(const wchar_t* name = L"ListGroups") {
+    NodePtr request;
+    request.SetName(name);
+    HVHNODE response = nullptr;
+    if (pProcessor->ProcessRequest(request.Get(), &response) != S_OK) return L"";
+    std::wstring text;
+    NodePtr(response).ForEachChild([&](NodePtr& group) {
+      std::int32_t state = -1, stopped = -1;
+      std::int64_t recoveries = -1;
+      group.TryGetAttribute(L"State", VHN_TYPE_INT32, &state, sizeof(state));
+      group.TryGetAttribute(L"ServicesStopped", VHN_TYPE_INT32, &stopped, sizeof(stopped));
+      group.TryGetAttribute(L"Recoveries", VHN_TYPE_INT64, &recoveries, sizeof(recoveries));
+      text += group.GetName() + L":" + group.GetType() + L":" + std::to_wstring(state) + L"," +
+              std::to_wstring(stopped) + L"," + std::to_wstring(recoveries) + L" ";
+    });
+    return text;
+  }
   IVHConfigurable* pConfigurable = nullptr;
   IVHShutdownable* pShutdownable = nullptr;
+  IVHRequestProcessor* pProcessor = nullptr;
 };
 
 using TestSupport::TestService;
@@ -192,21 +200,25 @@ TEST(FreeSpaceWatcherConfigure, ASecondConfigureWhileRunningFailsAndTheWorkerGoe
   EXPECT_LE(Kestrel::Detail::WakeUpCounts().watcher.load() - wakeUps, CountOf(log.Text(), cycle) + 1);
 }
 
-TEST(FreeSpaceWatcherCycle, EventsAndServiceStopsOnRealDisks) {
-  const std::wstring critical = TestFolder(L"critical"), quiet = TestFolder(L"warning-quiet"),
+TEST(FreeSpaceWatcherCycle, EventsServiceStopsAndRecoveryOnRealDisks) {
+  const std::wstring critical = TestFolder(L"") + L"critical-link", quiet = TestFolder(L"warning-quiet"),
                      repeating = TestFolder(L"warning-repeat"), missing = TestFolder(L"") + L"no-such-folder\\below";
-  const auto freeGB = static_cast<std::int32_t>(std::filesystem::space(critical).available >> 30);
+  // A folder on /proc has no free space at all, until a real folder takes its place.
+  TestSupport::RemoveTree(critical);
+  TestSupport::MakeLink(L"Z:\\proc", critical);
   TestService service(L"WD64WatcherCritical");
   LogCapture log;
   const std::size_t eventsBefore = ReadEvents().size();
   auto eventsFor = [&](const std::wstring& path) { return CountOf(ReadEvents(eventsBefore), Quoted(path) + L" ("); };
 
-  // Critical in GB; warnings held back for an hour or resent every second.
-  // The relative path is anchored at the test program's directory.
+  // Critical with a restart bound; warnings held back for an hour or resent every
+  // second (in GB). The relative path is anchored at the test program's directory.
+  NodePtr criticalGroup = Group({critical}, {L"WD64NoSuchService", service.name}, 2, 1);
+  SetInt(criticalGroup, L"FreeSpaceRestartServicesLowerBoundMB", 3);
   const NodePtr config =
-      Config({Group({critical}, {L"WD64NoSuchService", service.name}, freeGB + 5, freeGB + 4, 3600, L"GB"),
+      Config({std::move(criticalGroup),
               Group({missing, L"watcher-tests\\warning-quiet"}, {L"WD64NotStoppedByWarning"}, kAboveAnyDisk, 1),
-              Group({repeating}, {}, kAboveAnyDisk, 1, /*resendSec=*/1)});
+              Group({repeating}, {}, kAboveAnyDisk, 1, /*resendSec=*/1, L"GB")});
   Watcher watcher;
   ASSERT_EQ(watcher.Configure(config), S_OK);
   // The service never stops by itself; restarted while the event is held back, it is stopped again.
@@ -216,11 +228,33 @@ TEST(FreeSpaceWatcherCycle, EventsAndServiceStopsOnRealDisks) {
   EXPECT_TRUE(WaitFor([&] {
     return service.State() == SERVICE_STOPPED && CountOf(log.Text(), quietCycle) >= 3 && eventsFor(repeating) >= 2;
   }));
+  // The host asks how the groups stand, also from another thread while the
+  // worker stops and starts: each answer is one cycle's, never a recovery
+  // beside services still held.
+  const std::wstring others = L"1:Group:2,0,0 2:Group:2,0,0 ";
+  EXPECT_EQ(watcher.Groups(), L"0:Group:3,1,0 " + others);
+  EXPECT_EQ(watcher.Groups(L"listgroups"), L"");
+  std::atomic<bool> bAsking{true};
+  std::atomic<int> answers{0}, odd{0};
+  std::thread asker([&] {
+    for (const std::wregex whole(L"0:Group:(3,1,0|0,1,0|0,0,1) " + others); bAsking; ++answers, ::Sleep(1))
+      odd += !std::regex_match(watcher.Groups(), whole);
+  });
+  TestSupport::RemoveTree(critical);
+  std::filesystem::create_directories(critical);
+  EXPECT_TRUE(WaitFor([&] { return watcher.Groups() == L"0:Group:0,0,1 " + others; }));
+  bAsking = false;
+  asker.join();
+  EXPECT_EQ(odd, 0) << answers << " answers";
+  EXPECT_TRUE(WaitForServiceState(service.service, SERVICE_RUNNING));
   EXPECT_EQ(watcher.Shutdown(), S_OK);
+  EXPECT_EQ(watcher.Groups(), L"0:Group:0,0,1 " + others);
   const std::wstring events = ReadEvents(eventsBefore);
   EXPECT_EQ(CountOf(events, kCriticalEntry), 1u);
   EXPECT_GE(CountOf(events, kWarningEntry), 3u);
-  EXPECT_EQ(eventsFor(critical), 1u);
+  EXPECT_EQ(CountOf(events, L"EventId: 4303"), 1u);
+  EXPECT_NE(events.find(L"WD64WatcherCritical (started)"), std::wstring::npos) << events;
+  EXPECT_EQ(eventsFor(critical), 2u);  // the critical event and the recovery
   EXPECT_EQ(eventsFor(quiet), 1u);
   EXPECT_NE(events.find(L"WD64NoSuchService, " + service.name), std::wstring::npos) << events;
   // A stop that fails is seen at the usual level.

@@ -159,6 +159,15 @@ void FreeSpaceChecker::RunCycle(const SampleList& samples, DWORD now) {
     if (decision.bStartServices) StartServices(decision.services);
     EventReporting::ReportEvent(kEventFreeSpaceRecovered, {decision.recoveredPaths, FormatOutcomes(decision.services)});
   }
+  const std::lock_guard<std::mutex> lock(m_statusLock);
+  m_status.state = m_state;
+  m_status.bServicesStopped = HoldsStoppedServices();
+  if (decision.bRecovered) ++m_status.recoveries;
+}
+
+GroupStatus FreeSpaceChecker::Status() const {
+  const std::lock_guard<std::mutex> lock(m_statusLock);
+  return m_status;
 }
 
 bool FreeSpaceChecker::HoldBack(DWORD now) const noexcept {

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -58,6 +59,13 @@ DWORD QueryServiceState(const std::wstring& name);
 SampleList TakeSamples(const PathList& paths, const std::function<std::uint64_t(const std::wstring&)>& getFreeSpace,
                        std::set<std::wstring>& unreadable);
 
+// What a group's check shows its host after each cycle.
+struct GroupStatus {
+  ReportState state = ReportState::Normal;
+  bool bServicesStopped = false;  // services it stopped in the current episode are held
+  std::int64_t recoveries = 0;    // recovery events sent
+};
+
 // A configured service in one episode (from the first event to the recovery).
 struct EpisodeService {
   std::wstring name;
@@ -95,6 +103,8 @@ class FreeSpaceChecker {
   Decision Evaluate(const SampleList& samples, DWORD now);
 
   ReportState State() const noexcept { return m_state; }
+  // As of the last cycle RunCycle finished; safe from any thread.
+  GroupStatus Status() const;
   // When the current state's event was last sent (or the state last became
   // Normal); a repeat is held back while less than the resend timeout has
   // passed since.
@@ -121,6 +131,9 @@ class FreeSpaceChecker {
   std::vector<EpisodeService> m_episodeServices;
   // Paths whose free space could not be read in the last cycle that asked.
   std::set<std::wstring> m_unreadablePaths;
+  // Written by the worker once a cycle, read by the host's threads.
+  mutable std::mutex m_statusLock;
+  GroupStatus m_status;
 };
 
 }  // namespace Kestrel::Detail

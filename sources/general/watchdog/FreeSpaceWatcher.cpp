@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Boundary.h"
+#include "RequestDispatch.h"
 #include "DataLayer/NodePtr.h"
 #include "ErrorHandling.h"
 #include "FreeSpaceChecker.h"
@@ -50,7 +51,7 @@ std::shared_ptr<AuditArchive::IEnumerableSequencer<std::wstring>> ToSequence(con
   return sequence;
 }
 
-void ConfigureGroup(const NodePtr& group, const CFreeSpaceWatcher::StepList& steps) {
+std::shared_ptr<const FreeSpaceChecker> ConfigureGroup(const NodePtr& group, const CFreeSpaceWatcher::StepList& steps) {
   const auto read = Kestrel::Rules::ReadWatchGroupBounds([&](const wchar_t* key) -> std::optional<std::int32_t> {
     std::int32_t value = 0;
     if (!TryReadInt32(group, key, value)) return std::nullopt;
@@ -79,6 +80,11 @@ void ConfigureGroup(const NodePtr& group, const CFreeSpaceWatcher::StepList& ste
   AuditArchive::ForEach(checks->GetEnumerator(), [&](const CheckFunction& check) {
     steps->Add([check, pathList] { check(pathList); });
   });
+  return checker;
+}
+
+void SetInt32(NodePtr& node, const wchar_t* name, std::int32_t value) {
+  node.SetAttribute(name, VHN_TYPE_INT32, &value, sizeof(value));
 }
 
 }  // namespace
@@ -128,11 +134,20 @@ void CFreeSpaceWatcher::ConfigureFrom(HVHNODE config) {
   // a failing one stay in the new list.
   m_pSteps = AuditArchive::MakeEnumerableSequencer<Step>();
   const StepList steps = m_pSteps;
-  node.ForEachChild([&](NodePtr& group) { ConfigureGroup(group, steps); });
+  std::vector<std::shared_ptr<const FreeSpaceChecker>> groups;
+  {
+    const std::lock_guard<std::mutex> groupsGuard(m_groupsLock);
+    m_groups.clear();
+  }
+  node.ForEachChild([&](NodePtr& group) { groups.push_back(ConfigureGroup(group, steps)); });
 
   if (!m_hWake) {
     m_hWake.Reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     Kestrel::ThrowLastErrorIf(!m_hWake);
+  }
+  {
+    const std::lock_guard<std::mutex> groupsGuard(m_groupsLock);
+    m_groups = std::move(groups);
   }
   // The stop flag is left as it is: a watcher that was shut down stays down,
   // and monitoring resumes only in a new component.
@@ -175,6 +190,30 @@ void CFreeSpaceWatcher::PerformSteps(const std::shared_ptr<AuditArchive::IEnumer
     }
     if (m_bStop.load()) return;
     enumerator->MoveNext();
+  }
+}
+
+HRESULT CFreeSpaceWatcher::ProcessRequest(HVHNODE request, HVHNODE* response) {
+  return Kestrel::ProcessRequestAtBoundary(
+      {L"CFreeSpaceWatcher::ProcessRequest", kSource, __LINE__}, __LINE__, request, response,
+      {{L"ListGroups", [this](const NodePtr&, NodePtr& result) { ListGroups(result); }}});
+}
+
+void CFreeSpaceWatcher::ListGroups(NodePtr& response) {
+  std::vector<std::shared_ptr<const FreeSpaceChecker>> groups;
+  {
+    const std::lock_guard<std::mutex> guard(m_groupsLock);
+    groups = m_groups;
+  }
+  for (std::size_t i = 0; i < groups.size(); ++i) {
+    const Kestrel::Detail::GroupStatus status = groups[i]->Status();
+    NodePtr child;
+    child.SetName(std::to_wstring(i));
+    child.SetType(L"Group");
+    SetInt32(child, L"State", static_cast<std::int32_t>(status.state));
+    SetInt32(child, L"ServicesStopped", status.bServicesStopped ? 1 : 0);
+    child.SetAttribute(L"Recoveries", VHN_TYPE_INT64, &status.recoveries, sizeof(status.recoveries));
+    response.AddChild(child);
   }
 }
 

@@ -35,6 +35,12 @@ NodePtr ReportNode(const Kestrel::PackReport& report) {
   NodePtr node;
   node.SetName(L"PackLogs");
   node.SetAttribute(L"ArchivePath", report.archivePath);
+  if (report.bArchivesCounted) {
+    const std::int64_t archives = static_cast<std::int64_t>(report.archives);
+    const std::int64_t bytes = static_cast<std::int64_t>(report.archivesBytes);
+    node.SetAttribute(L"Archives", VHN_TYPE_INT64, &archives, sizeof(archives));
+    node.SetAttribute(L"ArchivesBytes", VHN_TYPE_INT64, &bytes, sizeof(bytes));
+  }
   for (const auto& packed : report.packed) AddSized(node, L"PackedFile", packed.name, packed.bytes);
   for (const auto& deleted : report.deletedArchives) AddSized(node, L"DeletedArchive", deleted.name, deleted.bytes);
   for (const auto& skipped : report.skipped) {
@@ -61,7 +67,7 @@ HRESULT CLogPackerComponent::ProcessRequest(HVHNODE request, HVHNODE* response) 
   return Kestrel::RunAtBoundary({L"CLogPackerComponent::ProcessRequest", kSource, __LINE__}, [request, response] {
     const bool bReport = WantsReport(request);
     if (bReport && response == nullptr) Kestrel::ThrowHr(E_POINTER);
-    const Kestrel::PackReport report = Kestrel::CLazySingleton<Kestrel::CLogPackerConfiguration>::Instance().PackLogs();
+    const Kestrel::PackReport report = Kestrel::CLazySingleton<Kestrel::CLogPackerConfiguration>::Instance().PackLogs(bReport);
     if (bReport) *response = ReportNode(report).Detach();
   });
 }

@@ -56,9 +56,9 @@ void CLogPackerConfiguration::Configure(HVHNODE config) {
   m_nMaxArchivesTotalSizeInMegabytes = maxArchivesSize;
 }
 
-PackReport CLogPackerConfiguration::PackLogs() const {
+PackReport CLogPackerConfiguration::PackLogs(bool bCountArchives) const {
   return PackLogFolder({m_logsDirectory, m_fileMask, m_nMaxAgeInHours, m_nMaxSizeInMegabytes, m_nMaxArchiveAgeInDays,
-                        m_nMaxArchivesTotalSizeInMegabytes});
+                        m_nMaxArchivesTotalSizeInMegabytes, bCountArchives});
 }
 
 }  // namespace Kestrel

@@ -26,8 +26,9 @@ class CLogPackerConfiguration {
   // required key (0x80070490) keeps every earlier value.
   void Configure(HVHNODE config);
 
-  // One run over the logs directory (LogPackerRun.h).
-  PackReport PackLogs() const;
+  // One run over the logs directory (LogPackerRun.h); `bCountArchives`
+  // counts the archives left also without a retention limit.
+  PackReport PackLogs(bool bCountArchives = false) const;
 
   const CPath& LogsDirectory() const noexcept { return m_logsDirectory; }
   const CPath& FileMask() const noexcept { return m_fileMask; }

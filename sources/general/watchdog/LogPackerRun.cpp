@@ -127,12 +127,15 @@ class PackRun {
     }
     DeleteLeftovers(Rules::kDonePrefix, [](const std::wstring& name) { return !Rules::OriginalOfDone(name).empty(); });
     Pack();
-    if (m_settings.maxArchiveAgeInDays != 0 || m_settings.maxArchivesTotalSizeInMegabytes != 0) {
+    const bool bRetention = m_settings.maxArchiveAgeInDays != 0 || m_settings.maxArchivesTotalSizeInMegabytes != 0;
+    if (bRetention || m_settings.bCountArchives) {
       try {
-        DeleteOldArchives();
+        TendArchives(bRetention);
       } catch (const HRX& error) {
         // The run itself succeeded; the next one tries again.
-        VH_LOG(VHLogger::SEV_WARN, kSource, L"Archives beyond the retention limits not deleted: " << error.Text());
+        VH_LOG(VHLogger::SEV_WARN, kSource,
+               (bRetention ? L"Archives beyond the retention limits not deleted: " : L"Archives not counted: ")
+                   << error.Text());
       }
     }
     return std::move(m_report);
@@ -200,7 +203,8 @@ class PackRun {
   // each deleted through a handle checked to hold a plain file of the folder:
   // a link or a second name under an archive's name is left alone, whatever
   // it leads to. A run killed meanwhile has deleted whole archives only.
-  void DeleteOldArchives() {
+  // Those left are counted for the report.
+  void TendArchives(bool bRetention) {
     struct Found {
       Handle file;
       std::uint64_t bytes;
@@ -210,9 +214,13 @@ class PackRun {
         .EnumerateFindData([&](const WIN32_FIND_DATAW& data) {
           const std::wstring name = data.cFileName;
           if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || !Rules::ArchiveStampOf(name)) return true;
-          // Shared for reading only: an archive someone writes to is not taken.
-          PlainFile file = OpenPlainFile(m_folder, name, DELETE | FILE_WRITE_ATTRIBUTES,
-                                         FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING);
+          // Shared for reading only: an archive someone writes to is not
+          // taken. Only counting, it takes nothing and shares everything.
+          PlainFile file =
+              bRetention ? OpenPlainFile(m_folder, name, DELETE | FILE_WRITE_ATTRIBUTES,
+                                         FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING)
+                         : OpenPlainFile(m_folder, name, FILE_READ_ATTRIBUTES,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_EXISTING);
           LARGE_INTEGER size{};
           if (file && ::GetFileSizeEx(file.file.Get(), &size)) {
             found[name] = {std::move(file.file), static_cast<std::uint64_t>(size.QuadPart)};
@@ -224,9 +232,14 @@ class PackRun {
     std::vector<Rules::ArchiveFacts> archives;
     for (const auto& [name, archive] : found) archives.push_back({name, archive.bytes});
     const std::wstring made = m_report.archivePath.substr(m_report.archivePath.rfind(L'\\') + 1);
-    for (const Rules::ArchiveBeyond& beyond :
-         Rules::ArchivesBeyondLimits(archives, GetLocalTimeAsFileTime(), m_settings.maxArchiveAgeInDays,
-                                     m_settings.maxArchivesTotalSizeInMegabytes, made)) {
+    const std::vector<Rules::ArchiveBeyond> beyondLimits =
+        bRetention ? Rules::ArchivesBeyondLimits(archives, GetLocalTimeAsFileTime(), m_settings.maxArchiveAgeInDays,
+                                                 m_settings.maxArchivesTotalSizeInMegabytes, made)
+                   : std::vector<Rules::ArchiveBeyond>{};
+    for (const auto& entry : found) m_report.archivesBytes += entry.second.bytes;
+    m_report.archives = found.size();
+    m_report.bArchivesCounted = true;
+    for (const Rules::ArchiveBeyond& beyond : beyondLimits) {
       const Found& archive = found[beyond.name];
       if (!DeleteByHandle(archive.file.Get())) {
         VH_LOG(VHLogger::SEV_WARN, kSource,
@@ -240,6 +253,8 @@ class PackRun {
       VH_LOG(VHLogger::SEV_INFO, kSource,
              L"Deleted archive \"" << beyond.name << L"\" (" << archive.bytes << L" bytes): " << why);
       m_report.deletedArchives.push_back({beyond.name, archive.bytes});
+      --m_report.archives;
+      m_report.archivesBytes -= archive.bytes;
     }
   }
 

@@ -24,6 +24,8 @@ struct LogPackerSettings {
   // Retention of the packer's archives; 0 keeps them all.
   std::uint64_t maxArchiveAgeInDays = 0;
   std::uint64_t maxArchivesTotalSizeInMegabytes = 0;
+  // Counts the archives left after the run, also without a retention limit.
+  bool bCountArchives = false;
 };
 
 // What a run did.
@@ -40,6 +42,11 @@ struct PackReport {
   std::vector<Packed> packed;    // in the archive and deleted
   std::vector<Skipped> skipped;  // due for packing (or refused) and left on disk
   std::vector<Packed> deletedArchives;  // earlier archives beyond the retention limits
+  // The packer's archives in the folder after the run: plain files under
+  // its own names. Counted with a retention limit or when asked to.
+  bool bArchivesCounted = false;
+  std::uint64_t archives = 0;
+  std::uint64_t archivesBytes = 0;
 };
 
 // Packs the folder's old and large logs, and files an earlier run moved
