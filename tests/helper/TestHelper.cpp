@@ -8,10 +8,11 @@
 #include <tlhelp32.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cwchar>
-#include <latch>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -94,9 +95,22 @@ Node Interval(const wchar_t* name, bool b64) {
 // Runs `count` copies of `work(index)` on threads released at once.
 template <typename Work>
 void AtOnce(int count, Work work) {
-  std::latch start(count);
+  // Not std::latch: this toolchain's libstdc++ builds it on a proxy wait that
+  // can miss its wake-up (about one run in ten here), leaving a thread asleep.
+  std::mutex lock;
+  std::condition_variable arrived;
+  int waiting = count;
   std::vector<std::thread> threads;
-  for (int i = 0; i < count; ++i) threads.emplace_back([&, i] { start.arrive_and_wait(), work(i); });
+  for (int i = 0; i < count; ++i) {
+    threads.emplace_back([&, i] {
+      {
+        std::unique_lock<std::mutex> guard(lock);
+        if (--waiting == 0) arrived.notify_all();
+        arrived.wait(guard, [&] { return waiting == 0; });
+      }
+      work(i);
+    });
+  }
   for (std::thread& thread : threads) thread.join();
 }
 
