@@ -703,6 +703,7 @@ class ServiceFaults(ServicePrefix):
         start to end and then stops it, as an upgrade's stop at boot needs."""
         name, started = "WD64PySlowStart", os.path.join(folder("service-slow-start"), "started")
         command = f'"{win(os.path.join(BIN, "test_service.exe"))}" {name} slow-start {win(started)}'
+        self.svc("service", "uninstall", "--name", name)  # one an interrupted run left
         self.assertEqual(subprocess.run([WINE_RUN, SERVICE_PREFIX, "sc", "create", name, "binpath=", command],
                                         stdout=subprocess.PIPE, stderr=self.log, timeout=180).returncode, 0)
         try:
@@ -718,8 +719,7 @@ class ServiceFaults(ServicePrefix):
             self.assertIn(f"service '{name}' stopped", out)
         finally:
             write(started, "")
-            subprocess.run([WINE_RUN, SERVICE_PREFIX, "sc", "delete", name], stdout=subprocess.PIPE, stderr=self.log,
-                           timeout=180)
+            self.svc("service", "uninstall", "--name", name)
 
 
 if __name__ == "__main__":
