@@ -8,11 +8,9 @@
 #include <tlhelp32.h>
 
 #include <atomic>
-#include <cstdint>
 #include <cstdio>
 #include <cwchar>
 #include <latch>
-#include <string>
 #include <thread>
 #include <vector>
 
