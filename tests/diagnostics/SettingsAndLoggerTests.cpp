@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cwchar>
 #include <stdexcept>
 
 #include "DiagnosticsSupport.h"

@@ -137,7 +137,7 @@ TEST(Components, CountsBalanceAcrossPartsAndThreads) {
 
 }  // namespace
 
-// Host sequences that used to end or crash the host process, each run in a
+// Host sequences that must not end or crash the host process, each run in a
 // child process (test_helper.exe) that loads the DLL as a host does; the
 // child's exit code and output tell whether the host survived.
 namespace {

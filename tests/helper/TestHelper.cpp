@@ -9,11 +9,9 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdint>
 #include <cstdio>
 #include <cwchar>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -75,11 +73,6 @@ void ExitOnCrash() {
   });
 }
 
-template <typename I>
-ComponentRef<I> Create(Host::ModuleHost& host, const GUID& clsid) {
-  return host.Create<I>(clsid, L"component");
-}
-
 int IsLocked(Host::ModuleHost& host) {
   int locked = -1;
   host.Module()->IsLocked(&locked);
@@ -132,7 +125,7 @@ int HostReconfigure(const Arguments&) {
   Host::ModuleHost host;
   const Node config = Interval(L"ActionsPerformIntervalSec", false);
   {
-    auto watcher = Create<IVHConfigurable>(host, WatchDog64::CLSID_FreeSpaceWatcher);
+    auto watcher = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher, L"component");
     const auto shutdown = watcher.As<IVHShutdownable>();
     std::wprintf(L"configure 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config.Get())));
     std::wprintf(L"again 0x%08lX\n", static_cast<unsigned long>(watcher->Configure(config.Get())));
@@ -142,7 +135,7 @@ int HostReconfigure(const Arguments&) {
   }
   {
     // Released without Shutdown: the release stops its worker.
-    auto contested = Create<IVHConfigurable>(host, WatchDog64::CLSID_FreeSpaceWatcher);
+    auto contested = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher, L"component");
     std::atomic<int> succeeded{0};
     AtOnce(8, [&](int) { succeeded += contested->Configure(config.Get()) == S_OK; });
     std::wprintf(L"concurrent successes %d\n", succeeded.load());
@@ -150,7 +143,7 @@ int HostReconfigure(const Arguments&) {
   // Configure and Shutdown racing on fresh watchers, each released at once.
   std::atomic<int> unexpected{0};
   for (int round = 0; round < 20; ++round) {
-    auto raced = Create<IVHConfigurable>(host, WatchDog64::CLSID_FreeSpaceWatcher);
+    auto raced = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher, L"component");
     const auto stopper = raced.As<IVHShutdownable>();
     AtOnce(6, [&](int index) {
       const HRESULT hr = index % 2 == 0 ? raced->Configure(config.Get()) : stopper->Shutdown();
@@ -172,9 +165,9 @@ int HostWatchdogs(const Arguments& args) {
   ExitOnCrash();
   Host::ModuleHost host;
   const Node config = Interval(L"RefreshIntervalSeconds", true);
-  const ComponentRef<IVHConfigurable> dogs[2] = {Create<IVHConfigurable>(host, WatchDog64::CLSID_WatchDog),
-                                                 Create<IVHConfigurable>(host, WatchDog64::CLSID_WatchDog)};
-  const auto stopper = Create<IVHShutdownable>(host, WatchDog64::CLSID_WatchDog);
+  const ComponentRef<IVHConfigurable> dogs[2] = {host.Create<IVHConfigurable>(WatchDog64::CLSID_WatchDog, L"dog 1"),
+                                                 host.Create<IVHConfigurable>(WatchDog64::CLSID_WatchDog, L"dog 2")};
+  const auto stopper = host.Create<IVHShutdownable>(WatchDog64::CLSID_WatchDog, L"component");
   const unsigned baseline = CountOwnThreads();
   std::atomic<int> failures{0};
   for (unsigned long round = 0; round < rounds; ++round) {
@@ -205,19 +198,19 @@ int HostUnload(const Arguments&) {
     return true;
   };
   {
-    auto watcher = Create<IVHConfigurable>(host, WatchDog64::CLSID_FreeSpaceWatcher);
+    auto watcher = host.Create<IVHConfigurable>(WatchDog64::CLSID_FreeSpaceWatcher, L"component");
     if (watcher->Configure(Interval(L"ActionsPerformIntervalSec", false).Get()) != S_OK) return 1;
   }
   std::wprintf(L"watcher released, locked %d\n", IsLocked(host));
   {
-    auto dog = Create<IVHConfigurable>(host, WatchDog64::CLSID_WatchDog);
+    auto dog = host.Create<IVHConfigurable>(WatchDog64::CLSID_WatchDog, L"component");
     if (dog->Configure(Interval(L"RefreshIntervalSeconds", true).Get()) != S_OK) return 1;
   }
   if (waitUnlocked(1000)) {
     std::wprintf(L"unlocked while the worker runs\n");
   } else {
     std::wprintf(L"locked while the worker runs\n");
-    Create<IVHShutdownable>(host, WatchDog64::CLSID_WatchDog)->Shutdown();
+    host.Create<IVHShutdownable>(WatchDog64::CLSID_WatchDog, L"component")->Shutdown();
     if (!waitUnlocked(10000)) return 3;
   }
   std::fflush(stdout);

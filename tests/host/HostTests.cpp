@@ -1,84 +1,22 @@
-// wd64host run as a separate process under Wine, the way an administrator
-// runs it, with a real service for the watcher to stop; the configuration
-// reader and the trust decision in-process.
+// The host's configuration reader, its check against the module and the
+// trust decision, in-process; wd64host as a separate process is driven from check_host.py.
 
 #include <gtest/gtest.h>
 #include <windows.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "ErrorHandling.h"
-#include "Files.h"
-#include "Processes.h"
 #include "config/Check.h"
 #include "config/Config.h"
 #include "config/Trust.h"
 #include "module/ModuleHost.h"
 #include "platform/ModulePath.h"
 
-namespace fs = std::filesystem;
-
 namespace {
-
-using TestSupport::WriteText;
-
-TEST(HostRun, WatchesPacksAndShutsDownCleanly) {
-  const TestSupport::TempDir dir(L"wd64-host-run");
-  const fs::path folder = dir.path, logs = folder / "logs";
-  fs::create_directories(logs);
-  WriteText(logs / "big.log", std::string(2 * 1024 * 1024 + 1, 'x'));
-  WriteText(logs / "small.log", "fresh\r\n");
-  // A victim left by an interrupted run goes first; this one is stopped and
-  // gone before the next run can ask for the name.
-  TestSupport::TestService service(L"WD64HostRunVictim");
-  ASSERT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
-
-  ULARGE_INTEGER available{};
-  ASSERT_TRUE(GetDiskFreeSpaceExW(folder.c_str(), &available, nullptr, nullptr));
-  const long long freeMb = static_cast<long long>(available.QuadPart >> 20);
-  const fs::path events = folder / "events.log", config = folder / "config.jsonc";
-  const nlohmann::json group{{"FreeSpaceStopServicesLowerBoundMB", freeMb + 1024},
-                             {"FreeSpaceWarningLowerBoundMB", freeMb + 2048},
-                             {"FreeSpaceRecommendedMinimumMB", freeMb + 4096},
-                             {"Paths", {Host::Narrow(folder.wstring())}},
-                             {"ServiceNames", {"WD64HostRunVictim"}}};
-  const nlohmann::json document{
-      {"globalSettings", {{"EventReporting", {{"EventsLogFile", Host::Narrow(events.wstring())}}}}},
-      {"freeSpaceWatcher", {{"ActionsPerformIntervalSec", 1}, {"groups", {group}}}},
-      {"watchdog", {{"RefreshIntervalSeconds", 1}}},
-      {"logPacker", {{"LogsDirectoryPath", Host::Narrow(logs.wstring())}, {"LogFileMask", "*.log"},
-                     {"MaxLogFileAgeInHours", 24}, {"MaxLogFileSizeInMegabytes", 2}}},
-      {"metrics", {{"intervalSeconds", 1}}}};
-  WriteText(config, "// everything at once, on short intervals\n" + document.dump(2));
-  const fs::path metrics = folder / "wd64.prom";
-  const TestSupport::Finished result =
-      TestSupport::RunToEnd(L"wd64host.exe", L"run --for 5 --config \"" + config.wstring() + L"\" --metrics-file \"" +
-                                                 metrics.wstring() + L"\"");
-  EXPECT_EQ(result.exitCode, 0u) << result.output;
-  for (const char* piece : {"log packer: packed 1 file, 2097153 bytes into logs_",
-                            "free-space watcher: configured, 1 group(s)", "watchdog: configured, heartbeat every 1 s",
-                            "free-space watcher: stopped", "watchdog: stopped", "log packer: released"}) {
-    EXPECT_NE(result.output.find(piece), std::string::npos) << piece << "\n" << result.output;
-  }
-  // The section's interval holds for a file named on the command line.
-  EXPECT_NE(result.output.find("metrics: written to " + Host::Narrow(metrics.wstring()) + " every 1 s"),
-            std::string::npos) << result.output;
-  EXPECT_TRUE(fs::exists(metrics));
-
-  const std::string entries = Host::Narrow(TestSupport::ReadUtf16(events));
-  EXPECT_NE(entries.find("EventId: 4302; Type: 'Error'(1)"), std::string::npos) << entries;
-  EXPECT_NE(entries.find("WD64HostRunVictim"), std::string::npos) << entries;
-  EXPECT_TRUE(TestSupport::WaitForServiceState(service.service, SERVICE_STOPPED, 10));
-
-  EXPECT_FALSE(fs::exists(logs / "big.log"));
-  EXPECT_TRUE(fs::exists(logs / "small.log"));
-  EXPECT_EQ(TestSupport::ListFiles(logs, L"logs_*").size(), 1u);
-}
 
 TEST(HostConfigParse, TypesRangesAndRelativePaths) {
   const Host::Config config = Host::ParseConfig(

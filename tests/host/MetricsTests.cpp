@@ -40,15 +40,9 @@ constexpr std::int64_t kMB = std::int64_t{1} << 20;
 
 std::string Utf8(const std::wstring& text) { return Host::Narrow(text); }
 
-std::wstring Env(const wchar_t* name) {
-  wchar_t value[MAX_PATH * 2];
-  const DWORD length = GetEnvironmentVariableW(name, value, MAX_PATH * 2);
-  return length > 0 && length < MAX_PATH * 2 ? value : L"";
-}
-
 fs::path Artifacts() {
-  const std::wstring given = Env(L"WD64_METRICS_ARTIFACTS");
-  const fs::path folder = given.empty() ? fs::path(Kestrel::ModuleDirectory()) / L"metrics-artifacts" : fs::path(given);
+  const wchar_t* given = _wgetenv(L"WD64_METRICS_ARTIFACTS");
+  const fs::path folder = given ? fs::path(given) : fs::path(Kestrel::ModuleDirectory()) / L"metrics-artifacts";
   fs::create_directories(folder);
   return folder;
 }
@@ -80,17 +74,16 @@ bool Whole(const std::string& text) {
 // The file read the way a collector does: sharing read and write but not
 // delete, so a replace has to wait for it. Nothing while refused.
 std::optional<std::string> Collect(const fs::path& path, DWORD* error = nullptr) {
-  HANDLE file =
-      CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-  if (file == INVALID_HANDLE_VALUE) {
+  Handle file(
+      CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+  if (!file) {
     if (error) *error = GetLastError();
     return std::nullopt;
   }
   std::string text;
   char buffer[4096];
   DWORD got = 0;
-  while (ReadFile(file, buffer, sizeof buffer, &got, nullptr) && got > 0) text.append(buffer, got);
-  CloseHandle(file);
+  while (ReadFile(file.Get(), buffer, sizeof buffer, &got, nullptr) && got > 0) text.append(buffer, got);
   return text;
 }
 
@@ -176,7 +169,8 @@ Reads ReadWhile(const fs::path& target, const std::function<void()>& work) {
 // Runs only as the child of StartWriter: writes the metrics file COUNT times
 // (0: until killed) and exits with the number of failed writes.
 TEST(MetricsChild, WritesWhenStartedAsASecondProcess) {
-  const std::wstring order = Env(L"WD64_METRICS_CHILD");
+  const wchar_t* given = _wgetenv(L"WD64_METRICS_CHILD");
+  const std::wstring order = given ? given : L"";
   if (order.find(L'|') == std::wstring::npos) GTEST_SKIP() << "runs as a second writer only";
   const fs::path target = order.substr(order.find(L'|') + 1);
   const auto config = Watching({Group({target.parent_path().wstring()}, {L"WD64NoSuchService"})});

@@ -406,6 +406,43 @@ class RunAndFaults(unittest.TestCase):
         self.assertEqual(samples[("wd64_build_info", (("version", "7.0.127.0"),))], 1)
         self.assertFalse([name for name in os.listdir(base) if name.endswith(".tmp")])
 
+    def test_run_with_every_section_starts_and_stops_each(self):
+        # The watcher's group lies above the disk's free space, so its first
+        # cycle writes a critical event to the events file the settings name.
+        base = folder("run-all")
+        logs = os.path.join(base, "logs")
+        os.makedirs(logs)
+        write(os.path.join(logs, "big.log"), "x" * (2 * 1024 * 1024 + 1))
+        write(os.path.join(logs, "small.log"), "fresh\r\n")
+        free_mb = shutil.disk_usage(base).free >> 20
+        events, metrics = os.path.join(base, "events.log"), os.path.join(base, "wd64.prom")
+        group = {"FreeSpaceStopServicesLowerBoundMB": free_mb + 1024, "FreeSpaceWarningLowerBoundMB": free_mb + 2048,
+                 "FreeSpaceRecommendedMinimumMB": free_mb + 4096, "Paths": [win(base)],
+                 "ServiceNames": ["WD64PyNoSuchService"]}
+        config = os.path.join(base, "config.jsonc")
+        write(config, "// everything at once, on short intervals\n" + json.dumps({
+            "globalSettings": {"EventReporting": {"EventsLogFile": win(events)}},
+            "freeSpaceWatcher": {"ActionsPerformIntervalSec": 1, "groups": [group]},
+            "watchdog": {"RefreshIntervalSeconds": 1},
+            "logPacker": {"LogsDirectoryPath": win(logs), "LogFileMask": "*.log", "MaxLogFileAgeInHours": 24,
+                          "MaxLogFileSizeInMegabytes": 2},
+            "metrics": {"intervalSeconds": 1}}, indent=2))
+        rc, out, err = host("run", "--for", "5", "--config", win(config), "--metrics-file", win(metrics))
+        self.assertEqual(rc, 0, out + err)
+        for piece in ("log packer: packed 1 file, 2097153 bytes into logs_", "free-space watcher: configured, 1 group(s)",
+                      "watchdog: configured, heartbeat every 1 s", "free-space watcher: stopped", "watchdog: stopped",
+                      "log packer: released",
+                      # The section's interval holds for a file named on the command line.
+                      f"metrics: written to {win(metrics)} every 1 s"):
+            self.assertIn(piece, out)
+        self.assertTrue(os.path.exists(metrics))
+        with open(events, "rb") as entries:
+            text = entries.read().decode("utf-16-le")
+        self.assertIn("EventId: 4302; Type: 'Error'(1)", text)
+        self.assertIn("WD64PyNoSuchService", text)
+        self.assertEqual(sorted(name for name in os.listdir(logs) if not name.startswith("logs_")), ["small.log"])
+        self.assertEqual(len([name for name in os.listdir(logs) if name.startswith("logs_")]), 1)
+
     def test_names_outside_the_code_page(self):
         # Packed under their own names; nothing lost.
         base = folder("foreign")

@@ -41,6 +41,8 @@ namespace fs = std::filesystem;
 using Kestrel::PackerRules::ArchiveName;
 using Kestrel::Detail::IsRefreshDue;
 using TestSupport::ListFiles;
+using TestSupport::LogCapture;
+using TestSupport::ReadBytes;
 using TestSupport::WaitUntilHeld;
 using Lines = std::vector<std::pair<unsigned, std::wstring>>;
 using Packer = Kestrel::CLazySingleton<Kestrel::CLogPackerConfiguration>;
@@ -166,11 +168,9 @@ void MakeLog(const fs::path& folder, const std::wstring& name, std::uint64_t siz
   SetAge(folder / L"logs" / name, age);
 }
 
-std::string ReadAll(const fs::path& path) { return TestSupport::ReadBytes(path); }
-
 bool Untouched(const fs::path& folder, const std::wstring& name) {
   return fs::is_regular_file(folder / L"logs" / name) &&
-         ReadAll(folder / L"logs" / name) == ReadAll(folder / L"originals" / name);
+         ReadBytes(folder / L"logs" / name) == ReadBytes(folder / L"originals" / name);
 }
 
 // The archives the tests' runs made, oldest first (the one of 2020 is planted).
@@ -209,13 +209,6 @@ void ExpectEntry(const fs::path& folder, const std::wstring& zip, const std::wst
 void ExpectSurvivor(const fs::path& folder, const std::wstring& name, const wchar_t* mode) {
   Manifest(folder, L"survivors.tsv", name + L"\toriginals\\" + name + L'\t' + mode);
 }
-
-// The module's lines of one source, by severity.
-struct LogCapture : TestSupport::LogCapture {
-  ::Lines Errors(const std::wstring& source) const { return Messages(L"ERR", source); }
-  ::Lines Warnings(const std::wstring& source) const { return Messages(L"WARN", source); }
-  ::Lines Infos(const std::wstring& source) const { return Messages(L"INFO", source); }
-};
 
 // Threads of this process, by Toolhelp snapshot.
 std::size_t CountThreads() {
@@ -263,7 +256,7 @@ TEST(ZipArchive, ArchiveThatCannotBeCreatedFailsAndASourceThatCannotBeReadIsRepo
   LogCapture capture;
   const auto open = [&] { Kestrel::CZipArchive archive(INVALID_HANDLE_VALUE, L"a.zip"); };
   EXPECT_EQ(Kestrel::RunAtBoundary({L"Open", L"PackerTests", 0}, open), E_FAIL);
-  EXPECT_EQ(capture.Errors(L"ZipArchive"),
+  EXPECT_EQ(capture.Messages(L"ERR", L"ZipArchive"),
             (Lines{{126, L"Couldn't open a .ZIP archive file for writing"}, {127, L"zipOpen return code: TBD"}}));
 
   // A source that refuses reads: the entry ends short (here empty), the
@@ -282,7 +275,7 @@ TEST(ZipArchive, ArchiveThatCannotBeCreatedFailsAndASourceThatCannotBeReadIsRepo
     EXPECT_TRUE(archive.Write(source(L"read.log", GENERIC_READ).Get(), L"read.log", L"read.log", 5000));
     archive.Close();
   }
-  const auto lines = capture.Errors(L"ZipArchive");
+  const auto lines = capture.Messages(L"ERR", L"ZipArchive");
   ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[2], std::make_pair(43u, std::wstring(L"Couldn't read file to be written to a .ZIP file")));
   EXPECT_EQ(lines[3], std::make_pair(44u, std::wstring(L"Input file path: unread.log")));
@@ -418,7 +411,7 @@ TEST(LogPackerRun, SkipsLinksItsOwnArchivesAndWhatIsHeldAndTakesNamesAsFound) {
   const auto logs = folder / L"logs";
   LogCapture capture;
   EXPECT_EQ(PackOnce(PackerNode(folder / L"absent", 24, 1)), static_cast<HRESULT>(0x80070003));
-  const auto errors = capture.Errors(L"LogPackerComponent");
+  const auto errors = capture.Messages(L"ERR", L"LogPackerComponent");
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0].second.rfind(L"CLogPackerComponent::ProcessRequest failed: 0x80070003", 0), 0u);
 
@@ -472,7 +465,7 @@ TEST(LogPackerRun, SkipsLinksItsOwnArchivesAndWhatIsHeldAndTakesNamesAsFound) {
   }
   EXPECT_TRUE(fs::is_directory(logs / L"sub.log"));
   // One warning for each file left, and the same reason in the report.
-  const auto warnings = capture.Warnings(L"LogPacker");
+  const auto warnings = capture.Messages(L"WARN", L"LogPacker");
   std::map<std::wstring, std::wstring> reasons;
   for (const auto& [line, text] : warnings) {
     const std::size_t split = text.find(L"\" not packed: ");
@@ -495,13 +488,13 @@ TEST(LogPackerRun, SkipsLinksItsOwnArchivesAndWhatIsHeldAndTakesNamesAsFound) {
   const auto archives = RunArchives(logs);
   ASSERT_EQ(archives.size(), 2u);
   ExpectEntry(folder, L"logs\\" + archives[1], L"held.log");
-  EXPECT_EQ(capture.Warnings(L"LogPacker").size(), 7u);
+  EXPECT_EQ(capture.Messages(L"WARN", L"LogPacker").size(), 7u);
   EXPECT_EQ(PackerOwnFiles(logs), std::vector<std::wstring>{});
   // A link planted where the lock goes fails the run: its target is never
   // marked for deletion.
   TestSupport::MakeLink((outside / L"soft.log").wstring(), (logs / Kestrel::PackerRules::kLockName).wstring());
   EXPECT_EQ(PackOnce(PackerNode(logs, 24, 1, L"*")), static_cast<HRESULT>(0x8007112B));
-  for (const auto& [path, text] : outsiders) EXPECT_EQ(ReadAll(path), text) << path;
+  for (const auto& [path, text] : outsiders) EXPECT_EQ(ReadBytes(path), text) << path;
   EXPECT_TRUE(Untouched(folder, L"logs_20200101000000.zip"));
 }
 
@@ -539,9 +532,9 @@ TEST(LogPackerRun, RetentionDeletesOnlyItsOwnArchivesBeyondTheLimitsOldestFirst)
                     L" bytes): " + (i == 0 ? L"older than 30 days" : L"the archives held more than 1 MB"));
   }
   EXPECT_EQ(ReportLines(report), lines);
-  for (const auto& [line, text] : capture.Infos(L"LogPacker")) std::erase(infos, text);
+  for (const auto& [line, text] : capture.Messages(L"INFO", L"LogPacker")) std::erase(infos, text);
   EXPECT_EQ(infos, std::vector<std::wstring>{});
-  const auto warnings = capture.Warnings(L"LogPacker");
+  const auto warnings = capture.Messages(L"WARN", L"LogPacker");
   ASSERT_EQ(warnings.size(), 2u);
   EXPECT_EQ(warnings[0].second.rfind(L"Archive \"logs_1999010", 0), 0u) << warnings[0].second;
 
@@ -564,7 +557,7 @@ TEST(LogPackerRun, RetentionDeletesOnlyItsOwnArchivesBeyondTheLimitsOldestFirst)
   EXPECT_EQ(ListFiles(logs, L"*.zip").size(), others.size() + 3);  // the two links and the run's own
   for (const auto& name : others) EXPECT_TRUE(Untouched(folder, name)) << name;
   for (const wchar_t* name : {L"logs_19990101000000.zip", L"logs_19990102000000.zip"}) {
-    EXPECT_EQ(ReadAll(logs / name), "outside") << name;  // the links and what they lead to
+    EXPECT_EQ(ReadBytes(logs / name), "outside") << name;  // the links and what they lead to
   }
   std::int64_t left[2] = {};  // the run's own archive; links named like archives do not count
   EXPECT_TRUE(report.TryGetAttribute(L"Archives", VHN_TYPE_INT64, &left[0], 8) &&
@@ -626,7 +619,7 @@ TEST(LogPackerRun, PublishesLastAndPacksEachFileOnceReadOnlyOrUndeletable) {
   }
   const auto done = ListFiles(logs, L"~wd64done.*");
   ASSERT_EQ(done.size(), 1u);
-  const auto warnings = capture.Warnings(L"LogPacker");
+  const auto warnings = capture.Messages(L"WARN", L"LogPacker");
   ASSERT_EQ(warnings.size(), 1u);
   const std::wstring reason = warnings[0].second.substr(warnings[0].second.find(L": ") + 2);
   EXPECT_EQ(warnings[0].second, L"Packed log file \"mapped.log\" could not be deleted: " + reason);
@@ -738,7 +731,7 @@ TEST(LogPackerFaults, TwoProcessesPackingOneFolderThroughTwoPathsShareNoFile) {
     LogCapture capture;
     Kestrel::Detail::ScopedPackRunSeam shortWait({300, 0});
     EXPECT_EQ(PackOnce(PackerNode(logs, 24, 100)), static_cast<HRESULT>(0x800700AA));
-    const auto errors = capture.Errors(L"LogPackerComponent");
+    const auto errors = capture.Messages(L"ERR", L"LogPackerComponent");
     ASSERT_EQ(errors.size(), 1u);
     EXPECT_EQ(errors[0].second.rfind(L"CLogPackerComponent::ProcessRequest failed: 0x800700AA Another pack run holds "
                                      L"the logs folder \"" + logs.wstring() + L"\"", 0), 0u)

@@ -7,7 +7,6 @@
 #include <windows.h>
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>

@@ -7,9 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <mutex>
 #include <regex>
 #include <string>
 #include <thread>
@@ -19,7 +17,7 @@
 #include "FreeSpaceChecker.h"
 #include "Handle.h"
 #include "LogCapture.h"
-#include "Links.h"
+#include "Files.h"
 #include "platform/ModulePath.h"
 #include "Processes.h"
 #include "ServiceHandle.h"
@@ -95,11 +93,9 @@ const std::wstring g_sEventsFile = [] {
   return file;
 }();
 
-// The UTF-16 text from a character offset on.
+// The text from a character offset on.
 std::wstring ReadEvents(std::size_t fromChar = 0) {
-  std::ifstream file(g_sEventsFile.c_str(), std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  const std::wstring text(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
+  const std::wstring text = TestSupport::ReadUtf16(g_sEventsFile);
   return fromChar < text.size() ? text.substr(fromChar) : std::wstring();
 }
 
