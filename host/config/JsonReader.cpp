@@ -106,9 +106,9 @@ bool JsonReader::Object(const Json& json, const std::wstring& place) const {
   return false;
 }
 
-std::optional<Value> JsonReader::Read(const Json& json, const KeySpec& spec, const std::wstring& place) const {
-  Value value{spec.kind};
-  switch (spec.kind) {
+std::optional<Value> JsonReader::Read(const Json& json, const KeySpec& key, const std::wstring& place) const {
+  Value value{key.kind};
+  switch (key.kind) {
     case ValueKind::Int32:
     case ValueKind::Int64: {
       if (!json.is_number_integer()) {
@@ -121,13 +121,13 @@ std::optional<Value> JsonReader::Read(const Json& json, const KeySpec& spec, con
         return std::nullopt;
       }
       value.number = json.get<std::int64_t>();
-      if (value.number < spec.minimum || value.number > spec.maximum) {
-        Error(place, L"must be " + std::to_wstring(spec.minimum) + L" to " + std::to_wstring(spec.maximum) +
-                         (*spec.why != L'\0' ? L" (" + std::wstring(spec.why) + L")" : L"") + L"; got " +
+      if (value.number < key.minimum || value.number > key.maximum) {
+        Error(place, L"must be " + std::to_wstring(key.minimum) + L" to " + std::to_wstring(key.maximum) +
+                         (*key.why != L'\0' ? L" (" + std::wstring(key.why) + L")" : L"") + L"; got " +
                          std::to_wstring(value.number));
         return std::nullopt;
       }
-      if (spec.kind == ValueKind::Int32 && (value.number < std::numeric_limits<std::int32_t>::min() ||
+      if (key.kind == ValueKind::Int32 && (value.number < std::numeric_limits<std::int32_t>::min() ||
                                             value.number > std::numeric_limits<std::int32_t>::max())) {
         Error(place, L"number out of the 32-bit range");
         return std::nullopt;

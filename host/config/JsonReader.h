@@ -43,9 +43,9 @@ class JsonReader {
 
   // True for an object; otherwise notes that one was expected.
   bool Object(const Json& json, const std::wstring& place) const;
-  // A value of `spec`'s kind and range, or nothing with the problem noted.
-  std::optional<Value> Read(const Json& json, const KeySpec& spec, const std::wstring& place) const;
-  // The keys of `spec` in an object, in file order; a key neither in `keys`
+  // A value of `key`'s kind and range, or nothing with the problem noted.
+  std::optional<Value> Read(const Json& json, const KeySpec& key, const std::wstring& place) const;
+  // The values of an object's keys, in file order; a key neither in `keys`
   // nor in `extra` (the caller's own) is an error, so is a missing required
   // one.
   Section ReadSection(const Json& json, const std::wstring& place, std::span<const KeySpec> keys,
